@@ -1,0 +1,22 @@
+# Warnings and sanitizers of this project's own targets: link zefs_build_flags PRIVATE.
+
+set(ZEFS_SANITIZE "" CACHE STRING "Sanitizers: address (with undefined and leak), thread, or empty")
+set_property(CACHE ZEFS_SANITIZE PROPERTY STRINGS "" address thread)
+
+add_library(zefs_build_flags INTERFACE)
+target_compile_options(zefs_build_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef
+  -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align -Wold-style-cast -Werror)
+
+if(ZEFS_SANITIZE STREQUAL "address")
+  set(zefs_sanitizers -fsanitize=address,undefined,leak -fno-sanitize-recover=all)
+elseif(ZEFS_SANITIZE STREQUAL "thread")
+  set(zefs_sanitizers -fsanitize=thread)
+elseif(NOT ZEFS_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "ZEFS_SANITIZE is '${ZEFS_SANITIZE}': address, thread or empty is meant")
+endif()
+if(zefs_sanitizers)
+  # For everything, third-party code that is compiled here included: the runtimes must agree.
+  add_compile_options(${zefs_sanitizers} -fno-omit-frame-pointer)
+  add_link_options(${zefs_sanitizers})
+endif()

@@ -1,0 +1,15 @@
+#pragma once
+
+#include "host/fingerprint.h"
+#include "support/visibility.h"
+
+namespace Aldenta::Qnd::Morene::Zefs {
+
+/// The text form of a fingerprint, as it stands in log lines and as map key.
+FingerprintText TextOf(const crfp_digest_t& fp);
+
+/// Compares two fingerprints: 0 if all 32 bytes are equal, else the difference of the first two bytes
+/// that differ, as unsigned values. `kind` is kCrfpDigestKind.
+ZEFS_EXTMAP_API int CRFPDigestCompare(const unsigned char* a, const unsigned char* b, int kind);
+
+}  // namespace Aldenta::Qnd::Morene::Zefs

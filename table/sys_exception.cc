@@ -1,0 +1,85 @@
+#include "table/sys_exception.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include <cxxabi.h>
+#include <execinfo.h>
+
+namespace Aldenta::Qnd::Morene::Zefs {
+
+namespace {
+
+constexpr unsigned int kStackFrames = 63;
+constexpr std::size_t kDemangleRoom = 256;
+
+/// Adds one line of backtrace_symbols, "module(name+offset) [address]", with the name demangled. A
+/// line of another form goes in as it stands. `*demangled` is the demangler's buffer, which it may
+/// replace. Cuts `line`.
+void AddFrame(char* line, char** demangled, std::size_t* room, std::string* text) {
+  char* open = nullptr;
+  char* plus = nullptr;
+  char* close = nullptr;
+  for (char* c = line; *c != '\0'; ++c) {
+    if (*c == '(') {
+      open = c;
+    } else if (*c == '+') {
+      plus = c;
+    } else if (*c == ')' && open != nullptr && plus != nullptr) {
+      close = c;
+      break;
+    }
+  }
+  text->append("  ");
+  if (close == nullptr || open > plus) {
+    text->append(line).append("\n");
+    return;
+  }
+  *open = *plus = *close = '\0';
+  int status = 0;
+  char* name = abi::__cxa_demangle(open + 1, *demangled, room, &status);
+  if (status == 0) {
+    *demangled = name;
+  } else {
+    name = open + 1;
+  }
+  text->append(name).append("+").append(plus + 1).append("\n");
+}
+
+/// The call stack of its caller, at most `frames` frames. Never inlined: the first frame, which it
+/// leaves out, is its own.
+[[gnu::noinline]] std::string get_backtrace(unsigned int frames) {
+  std::string text = "stack trace:\n";
+  auto** addresses = static_cast<void**>(std::malloc((frames + 1) * sizeof(void*)));
+  const int count = backtrace(addresses, static_cast<int>(frames + 1));
+  if (count == 0) {
+    text.append("  <empty, possibly corrupt>\n");
+    std::free(static_cast<void*>(addresses));
+    return text;
+  }
+  char** lines = backtrace_symbols(addresses, count);
+  std::size_t room = kDemangleRoom;
+  char* demangled = static_cast<char*>(std::malloc(room));
+  for (int i = 1; i < count; ++i) {
+    AddFrame(lines[i], &demangled, &room, &text);
+  }
+  std::free(demangled);
+  std::free(static_cast<void*>(lines));
+  std::free(static_cast<void*>(addresses));
+  return text;
+}
+
+}  // namespace
+
+Exception::~Exception() = default;
+
+SysException::SysException(int errorCode)
+    : code(errorCode),
+      stack(get_backtrace(kStackFrames)),
+      message("errno " + std::to_string(errorCode) + "\n") {}
+
+SysException::~SysException() = default;
+
+const char* SysException::what() const noexcept { return message.c_str(); }
+
+}  // namespace Aldenta::Qnd::Morene::Zefs
