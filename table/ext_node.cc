@@ -3,6 +3,7 @@
 #include <iterator>
 
 #include "table/mapping_table.h"
+#include "table/node_shadow.h"
 #include "table/tree_nodes.h"
 
 // Leaves: adding, appending, removing, shadowing, and the chain.
@@ -12,18 +13,6 @@ namespace Aldenta::Qnd::Morene::Zefs {
 std::int64_t CMapNode::count_ = 0;
 
 CExtNode::CExtNode(bool isDirty) : CMapNode(isDirty) { extents.reserve(kReservedExtents); }
-
-/// This leaf if the running change may alter it, else its new shadow.
-CExtNode* CExtNode::Writable(CMappingTable* table) {
-  if (dirty) {
-    return this;
-  }
-  auto* copy = dynamic_cast<CExtNode*>(shadow(table));
-  if (copy == nullptr) {
-    throw SysException(kErrInternal);
-  }
-  return copy;
-}
 
 /// Moves the upper half into a new leaf, which is linked behind this one.
 CExtNode* CExtNode::SplitOff(bool isDirty) {
@@ -49,7 +38,7 @@ int CExtNode::appendExt(CMappingTable* /*table*/, const Ext& ext, std::vector<CM
 }
 
 int CExtNode::addExt(CMappingTable* table, const Ext& ext, std::vector<CMapNode*>* out) {
-  CExtNode* const leaf = Writable(table);
+  CExtNode* const leaf = &Writable(*this, table);
   auto& items = leaf->extents;
   items.insert(std::lower_bound(items.begin(), items.end(), ext, compareExt), ext);
   if (leaf->hasTooManyItems()) {
@@ -65,7 +54,7 @@ int CExtNode::addExt(CMappingTable* table, const Ext& ext, std::vector<CMapNode*
 }
 
 int CExtNode::deleteExt(CMappingTable* table, long sOff, long eOff, std::vector<CMapNode*>* out) {
-  CExtNode* const leaf = Writable(table);
+  CExtNode* const leaf = &Writable(*this, table);
   auto& items = leaf->extents;
   items.erase(std::lower_bound(items.begin(), items.end(), Ext::Probe(sOff, eOff), compareExt));
   if (leaf != this || !hasEnoughItems()) {

@@ -3,6 +3,7 @@
 #include <iterator>
 
 #include "table/mapping_table.h"
+#include "table/node_shadow.h"
 #include "table/tree_nodes.h"
 
 // Interior nodes: how a change below reaches the parent, splits, and the repair of an underflow.
@@ -43,19 +44,6 @@ std::size_t CKeyNode::Place(std::int64_t sOff, std::int64_t eOff) const {
   return static_cast<std::size_t>(place - keys.begin());
 }
 
-/// This node if the running change may alter it, else its new shadow, with the same keys at the same
-/// places.
-CKeyNode* CKeyNode::Writable(CMappingTable* table) {
-  if (dirty) {
-    return this;
-  }
-  auto* copy = dynamic_cast<CKeyNode*>(shadow(table));
-  if (copy == nullptr) {
-    throw SysException(kErrInternal);
-  }
-  return copy;
-}
-
 /// Moves the upper half of the keys into a new node.
 CKeyNode* CKeyNode::SplitOff(bool isDirty) {
   auto* right = new CKeyNode(isDirty);
@@ -72,7 +60,7 @@ int CKeyNode::RefreshRange(CMappingTable* table, std::size_t place, std::vector<
   if (SameRange(keys[place], child)) {
     return 0;
   }
-  CKeyNode* const node = Writable(table);
+  CKeyNode* const node = &Writable(*this, table);
   SetRange(node->keys[place], child);
   if (node == this) {
     return 0;
@@ -118,7 +106,7 @@ int CKeyNode::addExt(CMappingTable* table, const Ext& ext, std::vector<CMapNode*
     ReplaceChild(table, place, local.front());
     return 0;
   }
-  CKeyNode* const node = Writable(table);
+  CKeyNode* const node = &Writable(*this, table);
   auto position = node->keys.begin() + static_cast<std::ptrdiff_t>(place);
   if (replaced) {
     position = node->keys.erase(position);
@@ -159,7 +147,7 @@ int CKeyNode::deleteExt(CMappingTable* table, long sOff, long eOff, std::vector<
     ReplaceChild(table, place, child);
     return 0;
   }
-  CKeyNode* const node = Writable(table);
+  CKeyNode* const node = &Writable(*this, table);
   node->keys[place] = KeyFor(child);
   if (!enough) {
     if (node->keys.size() == 1) {
@@ -181,7 +169,7 @@ void CKeyNode::Repair(CMappingTable* table, std::size_t place) {
   const std::size_t beside = fromLeft ? place - 1 : place + 1;
   Key& siblingKey = keys[beside];
   if (!siblingKey.wnode->dirty) {
-    siblingKey.wnode = siblingKey.wnode->shadow(table);
+    siblingKey.wnode = &ShadowOf(*siblingKey.wnode, table);
     siblingKey.rnode = siblingKey.wnode;
   }
   CMapNode& child = *keys[place].wnode;

@@ -96,7 +96,7 @@ class ZEFS_EXTMAP_API CMapNode {
 };
 
 /// An interior node: the ranges of its children, in order.
-class ZEFS_EXTMAP_API CKeyNode final : public CMapNode {
+class ZEFS_EXTMAP_API CKeyNode : public CMapNode {
  public:
   /// An empty node with room for one key more than it may keep.
   explicit CKeyNode(bool isDirty);
@@ -133,7 +133,6 @@ class ZEFS_EXTMAP_API CKeyNode final : public CMapNode {
   static constexpr std::size_t kReservedKeys = kMaxKeys + 1;
 
   std::size_t Place(std::int64_t sOff, std::int64_t eOff) const;
-  CKeyNode* Writable(CMappingTable* table);
   CKeyNode* SplitOff(bool isDirty);
   int RefreshRange(CMappingTable* table, std::size_t place, std::vector<CMapNode*>* out);
   void ReplaceChild(CMappingTable* table, std::size_t place, CMapNode* child);
@@ -141,7 +140,7 @@ class ZEFS_EXTMAP_API CKeyNode final : public CMapNode {
 };
 
 /// A leaf: extents in order, and the chain of leaves.
-class ZEFS_EXTMAP_API CExtNode final : public CMapNode {
+class ZEFS_EXTMAP_API CExtNode : public CMapNode {
  public:
   explicit CExtNode(bool isDirty);
 
@@ -176,7 +175,6 @@ class ZEFS_EXTMAP_API CExtNode final : public CMapNode {
   static constexpr std::size_t kMaxExtents = 3;
   static constexpr std::size_t kReservedExtents = kMaxExtents + 1;
 
-  CExtNode* Writable(CMappingTable* table);
   CExtNode* SplitOff(bool isDirty);
 };
 

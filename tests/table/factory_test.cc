@@ -1,0 +1,85 @@
+#include <cerrno>
+#include <memory>
+#include <set>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/config.h"
+#include "host/zefs_log.h"
+#include "refhost/host/log_recorder.h"
+#include "table/mapping_table.h"
+
+namespace {
+
+using namespace Aldenta::Qnd::Morene::Zefs;
+using zefs::refhost::LogRecorder;
+
+class FactoryTest : public testing::Test {
+ protected:
+  FactoryTest() { ZefsConfig::GetInstance().useLmdbTable = 0; }
+  ~FactoryTest() override { ZefsConfig::GetInstance().useLmdbTable = 0; }
+
+  /// "level text" of each line so far.
+  std::vector<std::string> Lines() {
+    std::vector<std::string> lines;
+    for (const auto& record : log_.Take()) {
+      lines.push_back(std::to_string(record.level) + ' ' + record.text);
+    }
+    return lines;
+  }
+
+  LogRecorder log_;
+};
+
+TEST_F(FactoryTest, WithoutTheSettingTheTableIsInMemoryAndReadyAtOnce) {
+  const std::unique_ptr<CMappingTable> table(CreateMappingTable(nullptr, "GENERIC"));
+  ASSERT_NE(nullptr, table);
+  EXPECT_EQ(typeid(CMappingTable), typeid(*table));
+  EXPECT_THAT(Lines(), testing::ElementsAre("0 CreateMappingTable()"));
+  EXPECT_EQ(0, table->append(0, 10, nullptr, 0, 0, nullptr, nullptr));
+  EXPECT_EQ(1, table->size());
+}
+
+TEST_F(FactoryTest, WithoutTheSettingThePathFunctionsReturnZeroAndTouchNothing) {
+  std::string out = "as it was";
+  std::set<std::string> indices{"as", "it", "was"};
+  EXPECT_EQ(0, GetMapAbsolutePath("/volume/file", &out));
+  EXPECT_EQ(0, GetMapRelativePath("/volume/file", &out));
+  EXPECT_EQ("as it was", out);
+  EXPECT_EQ(0, GetMapIndexSet("/volume/file", &indices));
+  EXPECT_THAT(indices, testing::ElementsAre("as", "it", "was"));
+  EXPECT_THAT(Lines(), testing::IsEmpty());
+}
+
+/// The code of the SysException that `call` throws; 0 if it throws none.
+template <typename Call>
+int CodeOf(Call call) {
+  try {
+    call();
+  } catch (const SysException& e) {
+    return e.code;
+  }
+  return 0;
+}
+
+TEST_F(FactoryTest, ThePersistentTableIsRefusedWithALineThatSaysWhy) {
+  ZefsConfig::GetInstance().useLmdbTable = 1;
+  const std::string why =
+      "8 useLmdbTable is set, but this version of the library has no persistent table";
+  EXPECT_EQ(ENOSYS, CodeOf([] { CreateMappingTable(nullptr, "GENERIC"); }));
+  EXPECT_THAT(Lines(),
+              testing::ElementsAre("0 CreateMappingTable()", "0 using CMappingLMDB", why));
+  std::string out = "as it was";
+  EXPECT_EQ(ENOSYS, CodeOf([&] { GetMapRelativePath("/volume/file", &out); }));
+  EXPECT_THAT(Lines(), testing::ElementsAre("0 using CMappingLMDB", why));
+  EXPECT_EQ(ENOSYS, CodeOf([&] { GetMapAbsolutePath("/volume/file", &out); }));
+  EXPECT_THAT(Lines(), testing::ElementsAre("0 using CMappingLMDB", why));
+  EXPECT_EQ("as it was", out);
+  std::set<std::string> indices;
+  EXPECT_EQ(ENOSYS, CodeOf([&] { GetMapIndexSet("/volume/file", &indices); }));
+  EXPECT_THAT(Lines(), testing::ElementsAre(why)) << "this one does not tell its choice";
+}
+
+}  // namespace

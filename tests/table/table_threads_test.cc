@@ -1,0 +1,139 @@
+#include <atomic>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/table/table_fixture.h"
+
+namespace {
+
+using namespace Aldenta::Qnd::Morene::Zefs;
+using zefs::test::Oid;
+
+/// Blocks of the file; each write covers whole blocks and says in the object offset which they are.
+constexpr long kBlock = 16;
+constexpr long kBlocks = 512;
+
+class ThreadsTest : public testing::Test {
+ protected:
+  ThreadsTest() {
+    for (long block = 0; block < kBlocks; ++block) {
+      WriteBlocks(block, 1, 64);
+    }
+  }
+
+  /// An object mapped at its own offset: whatever pieces are cut, sOff and objOff stay equal.
+  void WriteBlocks(long block, long count, std::uint64_t dcid) {
+    const ObjectID oid = Oid(dcid, static_cast<unsigned int>(dcid));
+    table_.insert(block * kBlock, (block + count) * kBlock, &oid, block * kBlock, 0, nullptr, -1,
+                  nullptr);
+  }
+
+  void Write(int steps, unsigned int seed) {
+    std::mt19937 random(seed);
+    for (int i = 0; i < steps; ++i) {
+      const long block = static_cast<long>(random() % kBlocks);
+      const long count = 1 + static_cast<long>(random() % 8);
+      WriteBlocks(block, std::min(count, kBlocks - block), 64 + random() % 16);
+    }
+  }
+
+  CMappingTable table_{nullptr};
+  MappingTableTestPeer peer_{table_};
+};
+
+TEST_F(ThreadsTest, ReadersUnderTheSharedLockSeeWholeChangesBesideAWriter) {
+  std::atomic<bool> done{false};
+  std::atomic<long> walks{0};
+  const auto read = [&](unsigned int seed) {
+    std::mt19937 random(seed);
+    while (!done.load() || walks.load() == 0) {
+      const CMappingTable::SharedLock lock(peer_.lock());
+      long at = 0;
+      const auto end = table_.end();
+      for (auto it = table_.begin(); it != end; ++it) {
+        ASSERT_EQ(at, it->sOff) << "no hole and no overlap";
+        ASSERT_EQ(it->sOff, it->objOff);
+        at = it->eOff;
+      }
+      ASSERT_EQ(kBlocks * kBlock, at);
+      const long offset = static_cast<long>(random() % (kBlocks * kBlock));
+      const auto found = table_.lower_bound(offset, nullptr);
+      ASSERT_LE(found->sOff, offset);
+      ASSERT_GT(found->eOff, offset);
+      ++walks;
+    }
+  };
+  std::thread first(read, 1);
+  std::thread second(read, 2);
+  Write(1500, 3);
+  done = true;
+  first.join();
+  second.join();
+  EXPECT_GT(walks.load(), 0);
+  EXPECT_TRUE(peer_.rroot()->checkNode(true));
+}
+
+TEST_F(ThreadsTest, OperationsThatLockForThemselvesRunBesideAWriter) {
+  std::atomic<bool> done{false};
+  std::atomic<long> rounds{0};
+  std::thread reader([&] {
+    while (!done.load() || rounds.load() == 0) {
+      table_.find(kBlock * kBlocks / 2, nullptr);
+      std::vector<std::pair<unsigned long, unsigned long>> dcids;
+      std::vector<FingerprintText> fps;
+      table_.GetDCIDAndFP(&dcids, &fps);
+      unsigned long bytes = 0;
+      for (const auto& [dcid, counted] : dcids) {
+        bytes += counted;
+      }
+      ASSERT_EQ(static_cast<unsigned long>(kBlocks * kBlock), bytes) << "counts are whole";
+      table_.GetNewReferencedDCID(&dcids);
+      table_.GetReferencedFP(&fps);
+      ++rounds;
+    }
+  });
+  Write(1500, 4);
+  done = true;
+  reader.join();
+  EXPECT_TRUE(peer_.rroot()->checkNode(true));
+}
+
+TEST_F(ThreadsTest, SeveralWritersLeaveOneSoundTable) {
+  std::vector<std::thread> writers;
+  for (unsigned int i = 0; i < 3; ++i) {
+    writers.emplace_back([this, i] { Write(800, 10 + i); });
+  }
+  for (std::thread& writer : writers) {
+    writer.join();
+  }
+  EXPECT_TRUE(peer_.rroot()->checkNode(true));
+  unsigned long bytes = 0;
+  for (const auto& [dcid, counted] : peer_.dcids()) {
+    bytes += counted;
+  }
+  EXPECT_EQ(static_cast<unsigned long>(kBlocks * kBlock), bytes);
+}
+
+TEST_F(ThreadsTest, TablesInSeveralThreadsShareNothingButTheNodeCounter) {
+  std::vector<std::thread> threads;
+  for (unsigned int i = 0; i < 3; ++i) {
+    threads.emplace_back([i] {
+      CMappingTable table(nullptr);
+      std::mt19937 random(i);
+      for (int n = 0; n < 500; ++n) {
+        const long at = static_cast<long>(random() % 4000);
+        table.insert(at, at + 1 + static_cast<long>(random() % 40), nullptr, 0, 0, nullptr, -1,
+                     nullptr);
+      }
+      EXPECT_TRUE(MappingTableTestPeer(table).rroot()->checkNode(true));
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+}  // namespace
