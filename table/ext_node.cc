@@ -1,14 +1,22 @@
-#include <algorithm>
 #include <climits>
-#include <iterator>
+#include <cstddef>
 
 #include "table/mapping_table.h"
 #include "table/node_shadow.h"
+#include "table/range_search.h"
 #include "table/tree_nodes.h"
 
 // Leaves: adding, appending, removing, shadowing, and the chain.
 
 namespace Aldenta::Qnd::Morene::Zefs {
+
+namespace {
+
+std::vector<Ext>::iterator ItemAt(std::vector<Ext>& items, std::size_t place) {
+  return items.begin() + static_cast<std::ptrdiff_t>(place);
+}
+
+}  // namespace
 
 std::int64_t CMapNode::count_ = 0;
 
@@ -23,7 +31,7 @@ CExtNode* CExtNode::SplitOff(bool isDirty) {
   if (right->next != nullptr) {
     right->next->prev = right;
   }
-  const auto middle = extents.begin() + static_cast<std::ptrdiff_t>(extents.size() / 2);
+  const auto middle = ItemAt(extents, extents.size() / 2);
   right->extents.assign(middle, extents.end());
   extents.erase(middle, extents.end());
   return right;
@@ -40,7 +48,7 @@ int CExtNode::appendExt(CMappingTable* /*table*/, const Ext& ext, std::vector<CM
 int CExtNode::addExt(CMappingTable* table, const Ext& ext, std::vector<CMapNode*>* out) {
   CExtNode* const leaf = &Writable(*this, table);
   auto& items = leaf->extents;
-  items.insert(std::lower_bound(items.begin(), items.end(), ext, compareExt), ext);
+  items.insert(ItemAt(items, FirstNotLess(items, ext.sOff, ext.eOff)), ext);
   if (leaf->hasTooManyItems()) {
     CExtNode* const right = leaf->SplitOff(true);
     out->push_back(right);
@@ -56,7 +64,7 @@ int CExtNode::addExt(CMappingTable* table, const Ext& ext, std::vector<CMapNode*
 int CExtNode::deleteExt(CMappingTable* table, long sOff, long eOff, std::vector<CMapNode*>* out) {
   CExtNode* const leaf = &Writable(*this, table);
   auto& items = leaf->extents;
-  items.erase(std::lower_bound(items.begin(), items.end(), Ext::Probe(sOff, eOff), compareExt));
+  items.erase(ItemAt(items, FirstNotLess(items, sOff, eOff)));
   if (leaf != this || !hasEnoughItems()) {
     out->push_back(leaf);
   }
@@ -67,14 +75,11 @@ CMapNode* CExtNode::lower_bound(long offset, int* index) {
   if (offset == LONG_MAX) {
     return nullptr;  // no extent ends above it
   }
-  const auto place = std::lower_bound(
-      extents.begin(), extents.end(), offset, [](const Ext& ext, long probe) {
-        return RangeLess(ext.sOff, ext.eOff, probe, probe + 1);
-      });
-  if (place == extents.end()) {
+  const std::size_t place = FirstNotLess(extents, offset, offset + 1);
+  if (place == extents.size()) {
     return nullptr;
   }
-  *index = static_cast<int>(place - extents.begin());
+  *index = static_cast<int>(place);
   return this;
 }
 

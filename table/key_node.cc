@@ -1,9 +1,11 @@
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <iterator>
 
 #include "table/mapping_table.h"
 #include "table/node_shadow.h"
+#include "table/range_search.h"
 #include "table/tree_nodes.h"
 
 // Interior nodes: how a change below reaches the parent, splits, and the repair of an underflow.
@@ -26,6 +28,30 @@ Key KeyFor(CMapNode* node) {
   return Key{node->getStartOffset(), node->getEndOffset(), node, node};
 }
 
+/// What a child has told its parent: it puts the nodes behind whatever `out` holds already, and the
+/// parent takes them off again before it reports to its own parent. So one vector serves the whole
+/// descent, and no level allocates another.
+class ChildReport {
+ public:
+  explicit ChildReport(std::vector<CMapNode*>* out) : out_(*out), before_(out->size()) {}
+
+  /// Takes the child's nodes off the vector. A child reports two at most.
+  void Take() {
+    count_ = out_.size() - before_;
+    std::copy(out_.begin() + static_cast<std::ptrdiff_t>(before_), out_.end(), nodes_.begin());
+    out_.resize(before_);
+  }
+
+  std::size_t size() const { return count_; }
+  CMapNode* operator[](std::size_t i) const { return nodes_[i]; }
+
+ private:
+  std::vector<CMapNode*>& out_;
+  std::size_t before_;
+  std::size_t count_ = 0;
+  std::array<CMapNode*, 2> nodes_{};
+};
+
 }  // namespace
 
 CKeyNode::CKeyNode(bool isDirty) : CMapNode(isDirty) { keys.reserve(kReservedKeys); }
@@ -35,13 +61,6 @@ CKeyNode::CKeyNode(std::vector<CMapNode*>* children, bool isDirty) : CMapNode(is
     const Key key = KeyFor(child);
     keys.insert(std::lower_bound(keys.begin(), keys.end(), key, compareKey), key);
   }
-}
-
-/// Index of the first key that is not less than the range; the key count if there is none.
-std::size_t CKeyNode::Place(std::int64_t sOff, std::int64_t eOff) const {
-  const auto place =
-      std::lower_bound(keys.begin(), keys.end(), Key{sOff, eOff, nullptr, nullptr}, compareKey);
-  return static_cast<std::size_t>(place - keys.begin());
 }
 
 /// Moves the upper half of the keys into a new node.
@@ -82,11 +101,12 @@ void CKeyNode::ReplaceChild(CMappingTable* table, std::size_t place, CMapNode* c
 }
 
 int CKeyNode::appendExt(CMappingTable* table, const Ext& ext, std::vector<CMapNode*>* out) {
-  std::vector<CMapNode*> local;
-  keys.back().rnode->appendExt(table, ext, &local);
+  ChildReport local(out);
+  keys.back().rnode->appendExt(table, ext, out);
+  local.Take();
   SetRange(keys.back(), *keys.back().rnode);
-  for (CMapNode* node : local) {
-    keys.push_back(KeyFor(node));
+  for (std::size_t i = 0; i < local.size(); ++i) {
+    keys.push_back(KeyFor(local[i]));
   }
   if (hasTooManyItems()) {
     out->push_back(SplitOff(false));
@@ -96,14 +116,15 @@ int CKeyNode::appendExt(CMappingTable* table, const Ext& ext, std::vector<CMapNo
 
 int CKeyNode::addExt(CMappingTable* table, const Ext& ext, std::vector<CMapNode*>* out) {
   // An extent in a hole goes to the child on its right, one behind everything to the last child.
-  const std::size_t place = std::min(Place(ext.sOff, ext.eOff), keys.size() - 1);
-  std::vector<CMapNode*> local;
-  const bool replaced = keys[place].wnode->addExt(table, ext, &local) != 0;
-  if (local.empty()) {
+  const std::size_t place = std::min(FirstNotLess(keys, ext.sOff, ext.eOff), keys.size() - 1);
+  ChildReport local(out);
+  const bool replaced = keys[place].wnode->addExt(table, ext, out) != 0;
+  local.Take();
+  if (local.size() == 0) {
     return RefreshRange(table, place, out);
   }
-  if (local.size() == 1 && SameRange(keys[place], *local.front())) {
-    ReplaceChild(table, place, local.front());
+  if (local.size() == 1 && SameRange(keys[place], *local[0])) {
+    ReplaceChild(table, place, local[0]);
     return 0;
   }
   CKeyNode* const node = &Writable(*this, table);
@@ -116,8 +137,8 @@ int CKeyNode::addExt(CMappingTable* table, const Ext& ext, std::vector<CMapNode*
   }
   // Each goes in front of the one before it: the replacement, which comes last, ends up left of its
   // new sibling.
-  for (CMapNode* child : local) {
-    position = node->keys.insert(position, KeyFor(child));
+  for (std::size_t i = 0; i < local.size(); ++i) {
+    position = node->keys.insert(position, KeyFor(local[i]));
   }
   if (node->hasTooManyItems()) {
     CKeyNode* const right = node->SplitOff(true);
@@ -132,14 +153,15 @@ int CKeyNode::addExt(CMappingTable* table, const Ext& ext, std::vector<CMapNode*
 }
 
 int CKeyNode::deleteExt(CMappingTable* table, long sOff, long eOff, std::vector<CMapNode*>* out) {
-  const std::size_t place = Place(sOff, eOff);
-  std::vector<CMapNode*> local;
-  keys[place].wnode->deleteExt(table, sOff, eOff, &local);
-  if (local.empty()) {
+  const std::size_t place = FirstNotLess(keys, sOff, eOff);
+  ChildReport local(out);
+  keys[place].wnode->deleteExt(table, sOff, eOff, out);
+  local.Take();
+  if (local.size() == 0) {
     RefreshRange(table, place, out);
     return 0;
   }
-  CMapNode* const child = local.front();
+  CMapNode* const child = local[0];
   const bool enough = child->hasEnoughItems();
   CMapNode& held = *keys[place].wnode;
   if (enough && child->getStartOffset() == held.getStartOffset() &&
@@ -192,7 +214,7 @@ CMapNode* CKeyNode::lower_bound(long offset, int* index) {
   if (offset == LONG_MAX) {
     return nullptr;  // no extent ends above it
   }
-  const std::size_t place = Place(offset, offset + 1);
+  const std::size_t place = FirstNotLess(keys, offset, offset + 1);
   return place == keys.size() ? nullptr : keys[place].rnode->lower_bound(offset, index);
 }
 

@@ -136,7 +136,7 @@ int CMappingTable::append(long sOff, long eOff, const ObjectID* oid, long objOff
   const Ext ext(sOff, eOff, oid, objOff, objCksum, data);
   std::vector<CMapNode*> local;
   rroot_->appendExt(this, ext, &local);
-  ReferenceChange(&refsByDcid_, &refsByFp_)
+  StartReferenceChange()
       .Add(ext.objectID, static_cast<unsigned long>(eOff) - static_cast<unsigned long>(sOff));
   if (local.size() == 1) {
     local.insert(local.begin(), rroot_);

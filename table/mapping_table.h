@@ -285,6 +285,7 @@ class ZEFS_EXTMAP_API CMappingTable {
   void AddToTree(const Ext& ext, ReferenceChange* references);
   void GrowRoot(std::vector<CMapNode*>* children);
   void FreeOldNodes();
+  ReferenceChange StartReferenceChange();
   void AppendDcids(std::vector<std::pair<unsigned long, unsigned long>>* out) const;
   void AppendFingerprints(std::vector<FingerprintText>* out) const;
 
@@ -312,6 +313,9 @@ class ZEFS_EXTMAP_API CMappingTable {
 
  protected:
   zefs::DataCacheManagementInterface* dci_;  ///< not owned
+
+ private:
+  FingerprintIndex fpIndex_;  // finds the entries of refsByFp_
 };
 
 /// Makes a table of the kind that ZefsConfig asks for. The caller owns it and deletes it through this

@@ -143,7 +143,7 @@ int CMappingTable::insert(long sOff, long eOff, const ObjectID* oid, long objOff
   toAdd.emplace_back(sOff, eOff, oid, objOff, objCksum, data);
 
   {
-    ReferenceChange references(&refsByDcid_, &refsByFp_);
+    ReferenceChange references = StartReferenceChange();
     for (const Ext& ext : toDelete) {
       DeleteFromTree(ext, &references);
       if (trace != nullptr) {
@@ -179,7 +179,7 @@ int CMappingTable::truncate(long size, FILE* trace) {
     toDelete.push_back(*it);
   }
   {
-    ReferenceChange references(&refsByDcid_, &refsByFp_);
+    ReferenceChange references = StartReferenceChange();
     for (const Ext& ext : toDelete) {
       DeleteFromTree(ext, &references);
       LogDeleteLine(ext);

@@ -18,19 +18,23 @@ unsigned long LengthOf(Ext& ext) {
 
 }  // namespace
 
+ReferenceChange CMappingTable::StartReferenceChange() {
+  return ReferenceChange(&refsByDcid_, &refsByFp_, &fpIndex_);
+}
+
 void CMappingTable::InnerAddReference(unsigned long dcid, FingerprintText fp, unsigned long bytes) {
-  ReferenceChange(&refsByDcid_, &refsByFp_).Add(dcid, fp, bytes);
+  StartReferenceChange().Add(dcid, fp, bytes);
 }
 
 void CMappingTable::InnerDeleteReference(unsigned long dcid, FingerprintText fp,
                                          unsigned long bytes) {
-  ReferenceChange(&refsByDcid_, &refsByFp_).Delete(dcid, fp, bytes);
+  StartReferenceChange().Delete(dcid, fp, bytes);
 }
 
 void CMappingTable::SetObjectID(Ext* ext, const ObjectID& oid) {
   UniqueLock lock(tableLock_);
   const unsigned long bytes = LengthOf(*ext);
-  ReferenceChange references(&refsByDcid_, &refsByFp_);
+  ReferenceChange references = StartReferenceChange();
   references.Delete(ext->objectID, bytes);
   ext->objectID = oid;
   references.Add(oid, bytes);
@@ -67,7 +71,7 @@ int CMappingTable::UpdateObjectIdsByRange(unsigned long /*start*/, unsigned long
       if (ext.objectID.fp != element->objectID.fp) {
         continue;
       }
-      ReferenceChange references(&refsByDcid_, &refsByFp_);
+      ReferenceChange references = StartReferenceChange();
       references.Delete(ext.objectID, LengthOf(ext));
       ext.objectID.dcid = element->objectID.dcid;
       references.Add(ext.objectID, LengthOf(ext));

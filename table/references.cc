@@ -35,8 +35,13 @@ void ReferenceChange::Add(const ObjectID& oid, unsigned long bytes) {
   AddBytes(oid.dcid, bytes);
   if (TouchedFp* known = Remembered(oid.fp)) {
     ++known->entry->second;
+  } else if (const auto* indexed = index_.Find(oid.fp)) {
+    ++(*indexed)->second;
+    Remember(oid.fp, *indexed);
   } else {
-    Remember(oid.fp, Raise(byFp_, TextOf(oid.fp)));
+    const auto entry = Raise(byFp_, TextOf(oid.fp));
+    index_.Insert(oid.fp, entry);
+    Remember(oid.fp, entry);
   }
 }
 
@@ -48,11 +53,17 @@ void ReferenceChange::Delete(const ObjectID& oid, unsigned long bytes) {
     Lower(known->entry);
     return;
   }
-  auto entry = byFp_.find(TextOf(oid.fp));
+  const auto entry = Find(oid.fp);
   if (entry != byFp_.end()) {
     Lower(entry);
     Remember(oid.fp, entry);
   }
+}
+
+/// The entry of a fingerprint, be it indexed or not; the end of the map if it is not counted.
+FingerprintReferences::iterator ReferenceChange::Find(const crfp_digest_t& fp) {
+  const auto* indexed = index_.Find(fp);
+  return indexed != nullptr ? *indexed : byFp_.find(TextOf(fp));
 }
 
 void ReferenceChange::Add(unsigned long dcid, const FingerprintText& fp, unsigned long bytes) {
@@ -73,6 +84,10 @@ void ReferenceChange::Delete(unsigned long dcid, const FingerprintText& fp, unsi
   }
   Lower(entry);
   if (entry->second == 0) {
+    crfp_digest_t digest{};
+    if (CRFPStringToDigest_r(fp.data(), kCrfpDigestKind, digest.data()) == 0) {
+      index_.Erase(digest);
+    }
     byFp_.erase(entry);
   }
 }
@@ -157,6 +172,7 @@ void ReferenceChange::ForgetDcids() {
 void ReferenceChange::ForgetFps() {
   for (std::size_t i = 0; i < fpCount_; ++i) {
     if (fps_[i].entry->second == 0) {
+      index_.Erase(fps_[i].fp);
       byFp_.erase(fps_[i].entry);
     }
   }

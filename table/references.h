@@ -6,14 +6,12 @@
 
 #include "table/extent.h"
 #include "table/fingerprint.h"
+#include "table/fingerprint_index.h"
 
 namespace Aldenta::Qnd::Morene::Zefs {
 
 /// Container id to the bytes of all extents that refer to it.
 using DcidReferences = std::map<unsigned long, unsigned long>;
-/// Fingerprint text to the number of extents that refer to it.
-using FingerprintReferences = std::map<FingerprintText, unsigned long>;
-
 /// Applies the reference changes of one operation. The result is that of counting one extent after
 /// the other, in the order of the calls, but most overwrites take an extent out and put pieces of it
 /// back, so the entries last touched are remembered: they are not searched a second time, and an entry
@@ -23,8 +21,9 @@ using FingerprintReferences = std::map<FingerprintText, unsigned long>;
 /// destroyed.
 class ReferenceChange {
  public:
-  ReferenceChange(DcidReferences* byDcid, FingerprintReferences* byFp)
-      : byDcid_(*byDcid), byFp_(*byFp) {}
+  /// `index` belongs to `byFp`, and nothing but reference changes may take entries out of that.
+  ReferenceChange(DcidReferences* byDcid, FingerprintReferences* byFp, FingerprintIndex* index)
+      : byDcid_(*byDcid), byFp_(*byFp), index_(*index) {}
   ~ReferenceChange();
   ReferenceChange(const ReferenceChange&) = delete;
   ReferenceChange& operator=(const ReferenceChange&) = delete;
@@ -58,11 +57,13 @@ class ReferenceChange {
   TouchedFp* Remembered(const crfp_digest_t& fp);
   void Remember(DcidReferences::iterator entry, bool emptied);
   void Remember(const crfp_digest_t& fp, FingerprintReferences::iterator entry);
+  FingerprintReferences::iterator Find(const crfp_digest_t& fp);
   void ForgetDcids();
   void ForgetFps();
 
   DcidReferences& byDcid_;
   FingerprintReferences& byFp_;
+  FingerprintIndex& index_;
   std::array<TouchedDcid, kRemembered> dcids_;
   std::array<TouchedFp, kRemembered> fps_;
   std::size_t dcidCount_ = 0;

@@ -16,6 +16,8 @@ class CMappingTable;
 /// visible to readers: its items are not altered, and a change works on a shadow instead. A dirty node
 /// belongs to the running change, is listed in the table's dirtyNodes_, and is altered in place.
 ///
+/// A child talks to its parent through `out`: what it has to say goes behind whatever stands there.
+///
 /// All operations run under the table lock: exclusive for those that change, shared for the others.
 /// The order of the virtual operations is part of the binary interface.
 class ZEFS_EXTMAP_API CMapNode {
@@ -132,7 +134,6 @@ class ZEFS_EXTMAP_API CKeyNode : public CMapNode {
   static constexpr std::size_t kMaxKeys = 10;
   static constexpr std::size_t kReservedKeys = kMaxKeys + 1;
 
-  std::size_t Place(std::int64_t sOff, std::int64_t eOff) const;
   CKeyNode* SplitOff(bool isDirty);
   int RefreshRange(CMappingTable* table, std::size_t place, std::vector<CMapNode*>* out);
   void ReplaceChild(CMappingTable* table, std::size_t place, CMapNode* child);

@@ -191,9 +191,16 @@ TEST(ReferenceChangeTest, GivesWhatCountingOneByOneGives) {
     PlainCounts plain;
     DcidReferences byDcid;
     FingerprintReferences byFp;
+    FingerprintIndex index;
     const unsigned int kinds = 2 + below(14);
     for (int change = 0; change < 4; ++change) {
-      ReferenceChange references(&byDcid, &byFp);
+      ReferenceChange references(&byDcid, &byFp, &index);
+      if (change == 2) {  // by text: nothing is remembered, and the index has to follow
+        const unsigned int tag = below(kinds);
+        references.Delete(63 + tag, TextOf(Oid(0, tag).fp), 1);
+        plain.Delete(63 + tag, TextOf(Oid(0, tag).fp), 1);
+        continue;
+      }
       for (unsigned int step = below(40); step > 0; --step) {
         const ObjectID oid = Oid(62 + below(kinds), below(kinds));
         const unsigned long bytes = below(4);
@@ -208,6 +215,42 @@ TEST(ReferenceChangeTest, GivesWhatCountingOneByOneGives) {
     }
     ASSERT_EQ(plain.byDcid, byDcid) << "round " << round;
     ASSERT_EQ(plain.byFp, byFp) << "round " << round;
+  }
+}
+
+TEST(FingerprintIndexTest, FindsWhatWasInsertedAndNothingElse) {
+  // Fingerprints that share their first bytes, or all of them but the last, fall on one slot.
+  std::vector<crfp_digest_t> digests;
+  for (unsigned int i = 0; i < 300; ++i) {
+    crfp_digest_t fp = Oid(0, i % 7).fp;
+    fp[31] = static_cast<unsigned char>(i);
+    fp[30] = static_cast<unsigned char>(i >> 8);
+    digests.push_back(fp);
+  }
+  std::mt19937 random(7);
+  FingerprintReferences entries;
+  FingerprintIndex index;
+  std::vector<bool> inside(digests.size());
+  for (int step = 0; step < 5000; ++step) {
+    const std::size_t i = random() % digests.size();
+    if (inside[i]) {
+      index.Erase(digests[i]);
+      entries.erase(TextOf(digests[i]));
+    } else {
+      index.Insert(digests[i], entries.emplace(TextOf(digests[i]), i).first);
+    }
+    inside[i] = !inside[i];
+    const std::size_t asked = random() % digests.size();
+    const auto* found = index.Find(digests[asked]);
+    ASSERT_EQ(inside[asked], found != nullptr);
+    if (found != nullptr) {
+      ASSERT_EQ(asked, (*found)->second);
+    }
+  }
+  for (std::size_t i = 0; i < digests.size(); ++i) {
+    EXPECT_EQ(inside[i], index.Find(digests[i]) != nullptr);
+    index.Erase(digests[i]);
+    EXPECT_EQ(nullptr, index.Find(digests[i]));
   }
 }
 
