@@ -129,10 +129,13 @@ struct DataCacheNodePointerWithStatus {
 /// range of a stored extent.
 inline bool RangeLess(std::int64_t aStart, std::int64_t aEnd, std::int64_t bStart,
                       std::int64_t bEnd) {
-  // Without branches: which way a comparison goes in a search is a coin toss.
-  const bool aCovers = (aStart <= bStart) & (bEnd <= aEnd);
-  const bool bCovers = (bStart <= aStart) & (aEnd <= bEnd);
-  return !(aCovers | bCovers) & (aStart < bEnd);
+  if (aStart <= bStart && bEnd <= aEnd) {
+    return false;
+  }
+  if (bStart <= aStart && aEnd <= bEnd) {
+    return false;
+  }
+  return aStart < bEnd;
 }
 
 /// RangeLess of two extents and of two keys. They read the fields and call no virtual operation.

@@ -32,8 +32,11 @@ void KeepCollapsedRoot([[maybe_unused]] CMapNode* root) {
 }
 
 /// The part of `ext` in [sOff, eOff), which lies inside its range, with its place in the object kept.
+/// Counted unsigned: an extent may be longer than half of all offsets.
 Ext PieceOf(const Ext& ext, long sOff, long eOff) {
-  return Ext(sOff, eOff, &ext.objectID, ext.objOff + (sOff - ext.sOff), ext.objCksum, ext.data);
+  const auto cut = static_cast<unsigned long>(sOff) - static_cast<unsigned long>(ext.sOff);
+  const auto objOff = static_cast<long>(static_cast<unsigned long>(ext.objOff) + cut);
+  return Ext(sOff, eOff, &ext.objectID, objOff, ext.objCksum, ext.data);
 }
 
 void WriteAddLine(const Ext& ext, FILE* trace) {
