@@ -20,8 +20,9 @@ class ZEFS_HOST_API ZefsConfig {
 
 /// Settings of the tables. Supplied by the host, which also chooses the defaults.
 ///
-/// Every field is guarded by `mutex`. The library reads one field at a time through Get, so a change
-/// by the host takes effect at the next read; no two reads are promised to come from one state.
+/// Every field is guarded by `mutex`. The library reads one field at a time through Get, so a
+/// change by the host takes effect at the next read; no two reads are promised to come from one
+/// state.
 class ZEFS_HOST_API FileSystemDaemonConfig {
  public:
   /// The one instance; lives as long as the process.
@@ -55,7 +56,7 @@ class ZEFS_HOST_API FileSystemDaemonConfig {
   std::int32_t prefetchEnabled;             ///< non-zero: prefetched extents are kept and used
   std::uint32_t prefetchSpanBytes;          ///< distance within which prefetched extents are kept
   bool dcOffsetTrackingEnabled;             ///< the offset store records anything
-  std::uint32_t dcOffsetStoreThreshold;     ///< records in memory at which the store writes its file
+  std::uint32_t dcOffsetStoreThreshold;  ///< records in memory at which the store writes its file
 
  private:
   FileSystemDaemonConfig();

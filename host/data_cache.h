@@ -12,12 +12,12 @@
 
 namespace zefs {
 
-/// A piece of file data in the host's memory. The library knows nodes by address, never owns one, and
-/// reads nothing of it but `dcOffset`, and that only right after GetNodeObjectID succeeded.
+/// A piece of file data in the host's memory. The library knows nodes by address, never owns one,
+/// and reads nothing of it but `dcOffset`, and that only right after GetNodeObjectID succeeded.
 class ZEFS_HOST_API DataCacheNode {
  public:
-  /// Identity of the data behind an extent. Compared field by field where it is compared at all. The
-  /// meaning of the three `attr` fields is the host's: the library carries them.
+  /// Identity of the data behind an extent. Compared field by field where it is compared at all.
+  /// The meaning of the three `attr` fields is the host's: the library carries them.
   struct ObjectID {
     std::uint64_t dcid = 0;      ///< data-container id; below 64 it names no container
     crfp_digest_t fp{};          ///< binary fingerprint of the object

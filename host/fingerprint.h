@@ -19,8 +19,8 @@ using FingerprintText = std::array<char, 65>;
 ZEFS_HOST_API int CRFPDigestToString_r(const unsigned char* digest, int kind, char* buffer,
                                        unsigned long size);
 
-/// Reads the 64-character `text` into the 32 bytes at `digest`. Returns 0, or non-zero if the text is
-/// no fingerprint of this kind; `digest` is then unchanged. Thread-safe. Supplied by the host.
+/// Reads the 64-character `text` into the 32 bytes at `digest`. Returns 0, or non-zero if the text
+/// is no fingerprint of this kind; `digest` is then unchanged. Thread-safe. Supplied by the host.
 ZEFS_HOST_API int CRFPStringToDigest_r(const char* text, int kind, unsigned char* digest);
 
 /// 1 if `digest` is the empty fingerprint, else 0. Thread-safe. Supplied by the host.

@@ -1,23 +1,25 @@
 #include "support/filesystem.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
+#include <sys/stat.h>
 
 namespace storage::utils {
 
 namespace fs = boost::filesystem;
 using boost::system::error_code;
 
-bool filesystem::create_directories(const fs::path& p) const { return fs::create_directories(p); }
+bool filesystem::create_directories(const fs::path& p) const {
+  return fs::create_directories(p);
+}
 
 bool filesystem::create_directories(const fs::path& p, fs::perms perms) const {
   fs::path current;
   for (const fs::path& component : p) {
     current /= component;
-    if (exists(current)) {
+    if (fs::exists(fs::status(current))) {
       continue;
     }
     if (!fs::create_directories(current)) {
@@ -51,26 +53,42 @@ bool filesystem::check_and_create_directories(const fs::path& p, fs::perms perms
   return fs::exists(fs::status(p, ec));
 }
 
-bool filesystem::is_directory(fs::file_status s) const { return fs::is_directory(s); }
-bool filesystem::is_directory(const fs::path& p) const { return fs::is_directory(fs::status(p)); }
-bool filesystem::is_regular_file(fs::file_status s) const { return fs::is_regular_file(s); }
+bool filesystem::is_directory(fs::file_status s) const {
+  return fs::is_directory(s);
+}
+bool filesystem::is_directory(const fs::path& p) const {
+  return fs::is_directory(fs::status(p));
+}
+bool filesystem::is_regular_file(fs::file_status s) const {
+  return fs::is_regular_file(s);
+}
 bool filesystem::is_regular_file(const fs::path& p) const {
   return fs::is_regular_file(fs::status(p));
 }
-bool filesystem::exists(const fs::path& p) const { return fs::exists(fs::status(p)); }
+bool filesystem::exists(const fs::path& p) const {
+  return fs::exists(fs::status(p));
+}
 
-int filesystem::mkdir(const char* path, unsigned int mode) const { return ::mkdir(path, mode); }
+int filesystem::mkdir(const char* path, unsigned int mode) const {
+  return ::mkdir(path, mode);
+}
 
 void filesystem::permissions(const fs::path& p, fs::perms perms) const {
   fs::permissions(p, perms);
 }
-void filesystem::copy(const fs::path& from, const fs::path& to) const { fs::copy(from, to); }
+void filesystem::copy(const fs::path& from, const fs::path& to) const {
+  fs::copy(from, to);
+}
 
-int filesystem::open(const char* path, int flags) const { return ::open64(path, flags); }
+int filesystem::open(const char* path, int flags) const {
+  return ::open64(path, flags);
+}
 ssize_t filesystem::read(int fd, void* buffer, unsigned long size) const {
   return ::read(fd, buffer, size);
 }
-int filesystem::close(int fd) const { return ::close(fd); }
+int filesystem::close(int fd) const {
+  return ::close(fd);
+}
 
 unsigned long filesystem::remove_all(const fs::path& p, error_code& ec) const {
   return fs::remove_all(p, ec);

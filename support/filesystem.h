@@ -1,19 +1,18 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <boost/filesystem/file_status.hpp>
 #include <boost/filesystem/path.hpp>
 #include <boost/system/error_code.hpp>
+#include <sys/types.h>
 
 #include "support/visibility.h"
 
 namespace storage::utils {
 
-/// A virtual layer over the file system, so that a test can replace it. Each operation is one call of
-/// Boost.Filesystem or of the system and adds nothing, but for the directory creation below. Without
-/// an error_code argument the Boost operations throw boost::filesystem::filesystem_error; the system
-/// calls return -1 and set `errno`. No state, no locks.
+/// A virtual layer over the file system, so that a test can replace it. Each operation is one call
+/// of Boost.Filesystem or of the system and adds nothing, but for the directory creation below.
+/// Without an error_code argument the Boost operations throw boost::filesystem::filesystem_error;
+/// the system calls return -1 and set `errno`. No state, no locks.
 class ZEFS_EXTMAP_API filesystem {
  public:
   virtual ~filesystem() = default;

@@ -6,8 +6,9 @@
 
 namespace storage::utils {
 
-/// A virtual layer over LMDB's C interface, so that a test can replace it. Each operation passes its
-/// arguments to the function `mdb_` + its own name and returns that function's result. No state.
+/// A virtual layer over LMDB's C interface, so that a test can replace it. Each operation passes
+/// its arguments to the function `mdb_` + its own name and returns that function's result. No
+/// state.
 class ZEFS_EXTMAP_API LmdbCApiWrapper {
  public:
   virtual ~LmdbCApiWrapper() = default;

@@ -20,7 +20,9 @@ std::vector<Ext>::iterator ItemAt(std::vector<Ext>& items, std::size_t place) {
 
 std::int64_t CMapNode::count_ = 0;
 
-CExtNode::CExtNode(bool isDirty) : CMapNode(isDirty) { extents.reserve(kReservedExtents); }
+CExtNode::CExtNode(bool isDirty) : CMapNode(isDirty) {
+  extents.reserve(kReservedExtents);
+}
 
 /// Moves the upper half into a new leaf, which is linked behind this one.
 CExtNode* CExtNode::SplitOff(bool isDirty) {

@@ -16,9 +16,9 @@ using ObjectID = zefs::DataCacheNode::ObjectID;
 /// Containers have ids from here up; what stands below names no data container.
 inline constexpr std::uint64_t kFirstDcid = 64;
 
-/// One extent in memory: the logical range [sOff, eOff) and the data behind it. Held by value in the
-/// leaves of the tree and on the stack; the persistent table derives from it. The order of fields and
-/// of virtual operations is part of the binary interface.
+/// One extent in memory: the logical range [sOff, eOff) and the data behind it. Held by value in
+/// the leaves of the tree and on the stack; the persistent table derives from it. The order of
+/// fields and of virtual operations is part of the binary interface.
 class ZEFS_EXTMAP_API Ext {
  public:
   /// An all-zero extent without a known container offset.
@@ -77,13 +77,18 @@ class ZEFS_EXTMAP_API Ext {
   virtual ~Ext() { data = nullptr; }
 
   ObjectID objectID;
-  std::int64_t objCksum = 0;   ///< checksum word of the writer, 0 where it has none
-  std::int64_t objOff = 0;     ///< offset of the range inside the object, bytes
-  std::int64_t sOff = 0;       ///< logical start offset, included
-  std::int64_t eOff = 0;       ///< logical end offset, not included
-  void* data = nullptr;        ///< data-cache node that holds the range in memory, or null; not owned
+  std::int64_t objCksum = 0;  ///< checksum word of the writer, 0 where it has none
+  std::int64_t objOff = 0;    ///< offset of the range inside the object, bytes
+  std::int64_t sOff = 0;      ///< logical start offset, included
+  std::int64_t eOff = 0;      ///< logical end offset, not included
+  void* data = nullptr;  ///< data-cache node that holds the range in memory, or null; not owned
   std::int32_t dcOffset = -1;  ///< offset inside the data container, -1 while not known
 };
+
+/// Bytes of the range of `ext`; wraps around below zero like the counts that it goes into.
+inline unsigned long LengthOf(const Ext& ext) {
+  return static_cast<unsigned long>(ext.eOff) - static_cast<unsigned long>(ext.sOff);
+}
 
 /// One entry of an interior tree node: the range of a child, and the child as readers and as the
 /// writer see it.
@@ -95,7 +100,7 @@ struct Key {
 };
 
 /// What a journal record does with its extent.
-enum op_t : std::uint32_t { ADD, DEL };
+enum op_t : std::uint32_t { ADD = 0, DEL = 1 };
 
 /// The journal's record of one extent.
 struct Extent {
@@ -121,12 +126,12 @@ struct DataCacheNodePointerWithStatus {
   ObjectID objectID;        ///< filled by the same call
 };
 
-/// Whether [aStart, aEnd) comes before [bStart, bEnd). A range that covers the other is neither less
-/// nor greater, which is what lets a one-byte probe find the extent around it; disjoint and touching
-/// ranges order by position. Two ranges that overlap without either covering the other are less than
-/// each other in both directions: this is no strict weak order, and it is only applied between stored
-/// extents, which never overlap, and between a stored extent and a probe of one byte or the exact
-/// range of a stored extent.
+/// Whether [aStart, aEnd) comes before [bStart, bEnd). A range that covers the other is neither
+/// less nor greater, which is what lets a one-byte probe find the extent around it; disjoint and
+/// touching ranges order by position. Two ranges that overlap without either covering the other are
+/// less than each other in both directions: this is no strict weak order, and it is only applied
+/// between stored extents, which never overlap, and between a stored extent and a probe of one byte
+/// or the exact range of a stored extent.
 inline bool RangeLess(std::int64_t aStart, std::int64_t aEnd, std::int64_t bStart,
                       std::int64_t bEnd) {
   if (aStart <= bStart && bEnd <= aEnd) {

@@ -10,9 +10,13 @@ namespace Aldenta::Qnd::Morene::Zefs {
 
 namespace {
 
-bool PersistentTablesWanted() { return ZefsConfig::GetInstance().useLmdbTable != 0; }
+bool PersistentTablesWanted() {
+  return ZefsConfig::GetInstance().useLmdbTable != 0;
+}
 
-void LogChoice() { ZEFS_LOG(zefs::kLogTrace, "using CMappingLMDB"); }
+void LogChoice() {
+  ZEFS_LOG(zefs::kLogTrace, "using CMappingLMDB");
+}
 
 [[noreturn]] void RefusePersistentTable() {
   ZEFS_LOG(zefs::kLogFailure,
@@ -23,6 +27,7 @@ void LogChoice() { ZEFS_LOG(zefs::kLogTrace, "using CMappingLMDB"); }
 }  // namespace
 
 CMappingTable* CreateMappingTable(zefs::DataCacheManagementInterface* dci,
+                                  // NOLINTNEXTLINE(performance-unnecessary-value-param): as given
                                   std::string /*tableType*/) {
   ZEFS_LOG(zefs::kLogTrace, "CreateMappingTable()");
   if (!PersistentTablesWanted()) {

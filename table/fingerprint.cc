@@ -4,12 +4,6 @@
 
 namespace Aldenta::Qnd::Morene::Zefs {
 
-FingerprintText TextOf(const crfp_digest_t& fp) {
-  FingerprintText text{};
-  CRFPDigestToString_r(fp.data(), kCrfpDigestKind, text.data(), text.size());
-  return text;
-}
-
 int CRFPDigestCompare(const unsigned char* a, const unsigned char* b, int /*kind*/) {
   const unsigned char* const end = a + crfp_digest_t{}.size();
   const auto [inA, inB] = std::mismatch(a, end, b);

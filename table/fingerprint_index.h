@@ -13,12 +13,12 @@ namespace Aldenta::Qnd::Morene::Zefs {
 using FingerprintReferences = std::map<FingerprintText, unsigned long>;
 
 /// Finds entries of a FingerprintReferences without a search in the ordered map, each step of which
-/// waits for memory. A hash table with open addressing and linear probing (Knuth, The Art of Computer
-/// Programming, vol. 3, 6.4, algorithms L and R), at most three quarters full; the hash is made of the
-/// first eight bytes of the fingerprint. 21 to 43 bytes an entry.
+/// waits for memory. A hash table with open addressing and linear probing (Knuth, The Art of
+/// Computer Programming, vol. 3, 6.4, algorithms L and R), at most three quarters full; the hash is
+/// made of the first eight bytes of the fingerprint. 21 to 43 bytes an entry.
 ///
-/// Only an aid: an entry that is not in here may still be in the map. Every entry in here must be in
-/// the map. Under the exclusive table lock.
+/// Only an aid: an entry that is not in here may still be in the map. Every entry in here must be
+/// in the map. Under the exclusive table lock.
 class FingerprintIndex {
  public:
   using Entry = FingerprintReferences::iterator;

@@ -54,7 +54,9 @@ class ChildReport {
 
 }  // namespace
 
-CKeyNode::CKeyNode(bool isDirty) : CMapNode(isDirty) { keys.reserve(kReservedKeys); }
+CKeyNode::CKeyNode(bool isDirty) : CMapNode(isDirty) {
+  keys.reserve(kReservedKeys);
+}
 
 CKeyNode::CKeyNode(std::vector<CMapNode*>* children, bool isDirty) : CMapNode(isDirty) {
   for (CMapNode* child : *children) {
@@ -183,9 +185,9 @@ int CKeyNode::deleteExt(CMappingTable* table, long sOff, long eOff, std::vector<
   return 0;
 }
 
-/// Fills up the child at `place`, which is below its minimum, from its right sibling, or from the left
-/// one if it is the last: borrows an item or, if the sibling cannot lend one, takes all of them and
-/// drops its key. This node is dirty and has two keys at least.
+/// Fills up the child at `place`, which is below its minimum, from its right sibling, or from the
+/// left one if it is the last: borrows an item or, if the sibling cannot lend one, takes all of
+/// them and drops its key. This node is dirty and has two keys at least.
 void CKeyNode::Repair(CMappingTable* table, std::size_t place) {
   const bool fromLeft = place + 1 == keys.size();
   const std::size_t beside = fromLeft ? place - 1 : place + 1;

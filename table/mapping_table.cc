@@ -6,8 +6,8 @@
 #include "table/tree_iterator.h"
 #include "table/tree_nodes.h"
 
-// The in-memory table: life, append, look-ups and iterators, and the operations that mean nothing in
-// memory.
+// The in-memory table: life, append, look-ups and iterators, and the operations that mean nothing
+// in memory.
 
 namespace Aldenta::Qnd::Morene::Zefs {
 
@@ -86,7 +86,9 @@ Ext& CMappingTable::iteratorimp::operator*() const {
   return node->extents[static_cast<std::size_t>(index)];
 }
 
-Ext* CMappingTable::iteratorimp::operator->() const { return &**this; }
+Ext* CMappingTable::iteratorimp::operator->() const {
+  return &**this;
+}
 
 CMappingTable::iteratorbase& CMappingTable::iteratorimp::operator++() {
   while (node != nullptr) {
@@ -128,7 +130,9 @@ bool CMappingTable::iteratorimp::operator!=(const iteratorbase& other) const {
 CMappingTable::CMappingTable(zefs::DataCacheManagementInterface* dci)
     : rroot_(new CExtNode(false)), wroot_(rroot_), dci_(dci) {}
 
-CMappingTable::~CMappingTable() { rroot_->deleteTree(); }
+CMappingTable::~CMappingTable() {
+  rroot_->deleteTree();
+}
 
 int CMappingTable::append(long sOff, long eOff, const ObjectID* oid, long objOff, long objCksum,
                           void* data, FILE* trace) {
@@ -136,8 +140,7 @@ int CMappingTable::append(long sOff, long eOff, const ObjectID* oid, long objOff
   const Ext ext(sOff, eOff, oid, objOff, objCksum, data);
   std::vector<CMapNode*> local;
   rroot_->appendExt(this, ext, &local);
-  StartReferenceChange()
-      .Add(ext.objectID, static_cast<unsigned long>(eOff) - static_cast<unsigned long>(sOff));
+  StartReferenceChange().Add(ext.objectID, LengthOf(ext));
   if (local.size() == 1) {
     local.insert(local.begin(), rroot_);
     rroot_ = new CKeyNode(&local, false);
@@ -163,9 +166,7 @@ CMappingTable::iterator CMappingTable::MakeIterator(CExtNode* node, int index) c
 }
 
 CMappingTable::iterator CMappingTable::_find(long offset) {
-  int index = 0;
-  CMapNode* const leaf = rsize_ == 0 ? nullptr : rroot_->lower_bound(offset, &index);
-  return MakeIterator(static_cast<CExtNode*>(leaf), index);
+  return rsize_ == 0 ? MakeIterator(nullptr, 0) : CMappingTable::lower_bound(offset, nullptr);
 }
 
 CMappingTable::iterator CMappingTable::find(long offset, SharedLock* /*lock*/) {
@@ -183,23 +184,37 @@ CMappingTable::iterator CMappingTable::lower_bound_in_cache(long offset, SharedL
   return lower_bound(offset, nullptr);
 }
 
-CMappingTable::iterator CMappingTable::begin() { return _find(rroot_->getStartOffset()); }
+CMappingTable::iterator CMappingTable::begin() {
+  return _find(rroot_->getStartOffset());
+}
 
-CMappingTable::iterator CMappingTable::end() { return MakeIterator(nullptr, 0); }
+CMappingTable::iterator CMappingTable::end() {
+  return MakeIterator(nullptr, 0);
+}
 
-long CMappingTable::size() { return rsize_; }
+long CMappingTable::size() {
+  return rsize_;
+}
 
 // --- the commit flag -------------------------------------------------------------------------
 
-bool CMappingTable::needCommit() { return commit_; }
+bool CMappingTable::needCommit() {
+  return commit_;
+}
 
-void CMappingTable::setCommit(bool commit) { commit_ = commit; }
+void CMappingTable::setCommit(bool commit) {
+  commit_ = commit;
+}
 
 // --- what has no meaning in memory -----------------------------------------------------------
 
-int CMappingTable::setFileSize(long /*size*/) { return 0; }
+int CMappingTable::setFileSize(long /*size*/) {
+  return 0;
+}
 
-long CMappingTable::getFileSize() { return 0; }
+long CMappingTable::getFileSize() {
+  return 0;
+}
 
 int CMappingTable::load(const std::string& /*extentPath*/, bool /*zxfsNoMmap*/,
                         const std::string& /*prefix*/) {
@@ -208,9 +223,13 @@ int CMappingTable::load(const std::string& /*extentPath*/, bool /*zxfsNoMmap*/,
 
 void CMappingTable::UpdateExtPath(const std::string& /*path*/) {}
 
-int CMappingTable::save(const std::string& /*path*/, long /*flags*/) { return 0; }
+int CMappingTable::save(const std::string& /*path*/, long /*flags*/) {
+  return 0;
+}
 
-int CMappingTable::remove(const std::string& /*path*/) { return 0; }
+int CMappingTable::remove(const std::string& /*path*/) {
+  return 0;
+}
 
 void CMappingTable::checkAndBackfillObjectIDUnlock(bool /*wait*/) {}
 
@@ -233,17 +252,27 @@ void CMappingTable::GetDCIDAndBloomFilter(
     std::vector<std::pair<unsigned long, unsigned long>>* /*dcids*/,
     std::unique_ptr<BloomFilter>* /*filter*/) {}
 
-int CMappingTable::SetDOID(ObjectID* /*oid*/) { return 0; }
+int CMappingTable::SetDOID(ObjectID* /*oid*/) {
+  return 0;
+}
 
-int CMappingTable::GetDOID(ObjectID* /*oid*/) { return 0; }
+int CMappingTable::GetDOID(ObjectID* /*oid*/) {
+  return 0;
+}
 
-bool CMappingTable::IsDataChanged() { return true; }
+bool CMappingTable::IsDataChanged() {
+  return true;
+}
 
 void CMappingTable::GetDCInfoList(const PrefetchRange& /*range*/, std::list<DCInfo>* /*out*/) {}
 
-int CMappingTable::GetEmptyDcOffsetList(std::vector<zefs::DCOffset>* /*out*/) { return 0; }
+int CMappingTable::GetEmptyDcOffsetList(std::vector<zefs::DCOffset>* /*out*/) {
+  return 0;
+}
 
-int CMappingTable::BackfillDcOffset(std::vector<zefs::DCOffset>& /*offsets*/) { return 0; }
+int CMappingTable::BackfillDcOffset(std::vector<zefs::DCOffset>& /*offsets*/) {
+  return 0;
+}
 
 int CMappingTable::AppendToRefreshDcOffsetList(long /*key*/, unsigned long /*dcid*/,
                                                crfp_digest_t /*fp*/) {

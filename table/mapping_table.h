@@ -35,8 +35,8 @@ struct MappingTableTestPeer;
 /// operation without a meaning in memory does nothing here and returns a neutral value.
 ///
 /// Offsets are logical file offsets in bytes, ranges are half-open. An `int` result of 0 means
-/// success. An inconsistency of the tree throws SysException(kErrInternal), after which the table must
-/// not be used any more. Running out of memory passes std::bad_alloc through, with the same
+/// success. An inconsistency of the tree throws SysException(kErrInternal), after which the table
+/// must not be used any more. Running out of memory passes std::bad_alloc through, with the same
 /// consequence if it happens inside a change.
 ///
 /// Threads: any number, with the locking told at each operation. What an iterator refers to stays
@@ -51,8 +51,8 @@ class ZEFS_EXTMAP_API CMappingTable {
   using PrefetchRange = zefs::DataCacheManagementInterface::PrefetchRange;
   using DCInfo = zefs::DataCacheManagementInterface::DCInfo;
 
-  /// What stands behind an iterator. Both sides of an assignment or comparison must be of one class:
-  /// each implementation says what it does about a foreign one.
+  /// What stands behind an iterator. Both sides of an assignment or comparison must be of one
+  /// class: each implementation says what it does about a foreign one.
   class ZEFS_EXTMAP_API iteratorbase {
    public:
     virtual iteratorbase* clone() const = 0;  ///< a new heap copy, owned by the caller
@@ -103,8 +103,8 @@ class ZEFS_EXTMAP_API CMappingTable {
   /// The tree's iterator (table/tree_iterator.h).
   class iteratorimp;
 
-  /// An empty table. `dci` is asked for object ids, may be null if GetWritingNodes is never used on a
-  /// filled list, must outlive the table and is not owned.
+  /// An empty table. `dci` is asked for object ids, may be null if GetWritingNodes is never used on
+  /// a filled list, must outlive the table and is not owned.
   explicit CMappingTable(zefs::DataCacheManagementInterface* dci);
 
   CMappingTable(const CMappingTable&) = delete;
@@ -113,13 +113,13 @@ class ZEFS_EXTMAP_API CMappingTable {
   /// Frees the tree. No other call may be running.
   virtual ~CMappingTable();
 
-  /// Maps [sOff, eOff) to the object, cutting away whatever overlapped it; pieces that stay keep their
-  /// object, with the offset inside it moved on where their front was cut. A null `oid` is the
-  /// all-zero id. `objOff` is the offset of the range inside the object, `objCksum` a word that is
-  /// kept and returned, `data` the node that holds the range in memory, or null; it is not owned.
-  /// `dcOffset` is not kept here: every extent of the tree has -1. `trace`, if not null, gets the
-  /// extent lines instead of the log. A range without bytes (`eOff` <= `sOff`) changes nothing.
-  /// Returns 0. Takes tableLock_ exclusively from start to end.
+  /// Maps [sOff, eOff) to the object, cutting away whatever overlapped it; pieces that stay keep
+  /// their object, with the offset inside it moved on where their front was cut. A null `oid` is
+  /// the all-zero id. `objOff` is the offset of the range inside the object, `objCksum` a word that
+  /// is kept and returned, `data` the node that holds the range in memory, or null; it is not
+  /// owned. `dcOffset` is not kept here: every extent of the tree has -1. `trace`, if not null,
+  /// gets the extent lines instead of the log. A range without bytes (`eOff` <= `sOff`) changes
+  /// nothing. Returns 0. Takes tableLock_ exclusively from start to end.
   virtual int insert(long sOff, long eOff, const ObjectID* oid, long objOff, long objCksum,
                      void* data, int dcOffset, FILE* trace);
 
@@ -151,11 +151,12 @@ class ZEFS_EXTMAP_API CMappingTable {
   /// used here.
   virtual iterator find(long offset, SharedLock* lock);
 
-  /// Number of extents that the last change left. Takes no lock.
+  /// Number of extents that the last change left. Takes no lock: the caller holds tableLock_ or
+  /// serialises.
   virtual long size();
 
-  /// Memory held by the nodes, in bytes. Sets `*nodes` to their number and `*slots` to the number of
-  /// items that they have reserved room for. Writes the fixed sizes to standard output. Takes
+  /// Memory held by the nodes, in bytes. Sets `*nodes` to their number and `*slots` to the number
+  /// of items that they have reserved room for. Writes the fixed sizes to standard output. Takes
   /// tableLock_ shared.
   virtual long getTableSize(long* nodes, long* slots);
 
@@ -197,15 +198,15 @@ class ZEFS_EXTMAP_API CMappingTable {
 
   /// The extents from the first one that ends above `start` up to, but without, the first one that
   /// ends above `end`, each whole and with its own range. So an extent that reaches into the range
-  /// from below is listed and one that holds `end` is not. Takes no lock: the caller holds tableLock_
-  /// or serialises.
+  /// from below is listed and one that holds `end` is not. Takes no lock: the caller holds
+  /// tableLock_ or serialises.
   virtual ObjectIDs GetObjectIdsAndOffsets(unsigned long start, unsigned long end);
 
   /// Replaces container ids. Each extent, from the one at the first element's startOffset on, is
   /// compared with the first element whose startOffset lies above the extent's sOff, and the last
   /// element takes all that remain; where the fingerprints are equal the extent gets the element's
-  /// dcid and its references move. `start` and `end` are not used. An empty list does nothing. Returns
-  /// 0. Takes tableLock_ exclusively.
+  /// dcid and its references move. `start` and `end` are not used. An empty list does nothing.
+  /// Returns 0. Takes tableLock_ exclusively.
   virtual int UpdateObjectIdsByRange(unsigned long start, unsigned long end, const ObjectIDs& list);
 
   /// Appends to `*out` the containers referenced, by rising id: pairs of dcid and bytes. Takes
@@ -234,12 +235,13 @@ class ZEFS_EXTMAP_API CMappingTable {
   /// Whether the table changed since the host last took its references. Here: always true.
   virtual bool IsDataChanged();
 
-  /// Length of the list of nodes that are still being written. Takes no lock.
+  /// Length of the list of nodes that are still being written. Takes no lock: beside a running
+  /// GetWritingNodes it is an estimate.
   virtual unsigned long GetWritingNodesCount() const;
 
-  /// Moves entries off the list of writing nodes to `*out`, each with what GetNodeObjectID said of it.
-  /// With `internal_flush` only if there are 10000 at least, and only up to the first that is not
-  /// ready. Takes tableLock_ exclusively.
+  /// Moves entries off the list of writing nodes to `*out`, each with what GetNodeObjectID said of
+  /// it. With `internal_flush` only if there are 10000 at least, and only up to the first that is
+  /// not ready. Takes tableLock_ exclusively.
   virtual void GetWritingNodes(std::vector<DataCacheNodePointerWithStatus>* out,
                                bool internal_flush);
 
@@ -255,8 +257,8 @@ class ZEFS_EXTMAP_API CMappingTable {
   /// As find, without a lock and without a virtual call.
   iterator _find(long offset);
 
-  /// Commits a change: the writer's view becomes the reader's. Frees nothing. Under tableLock_, held
-  /// exclusively.
+  /// Commits a change: the writer's view becomes the reader's. Frees nothing. Under tableLock_,
+  /// held exclusively.
   void consist();
 
   /// Always true: looks at nothing.
@@ -268,9 +270,9 @@ class ZEFS_EXTMAP_API CMappingTable {
   /// Does nothing.
   void dumpTree(bool writerView, FILE* file);
 
-  /// Count one extent of `bytes` bytes in, or out of, the references. A dcid below kFirstDcid is never
-  /// counted. Taking out of a container that is not counted leaves the fingerprint alone too; taking
-  /// more bytes than are counted wraps around. The caller holds tableLock_ exclusively.
+  /// Count one extent of `bytes` bytes in, or out of, the references. A dcid below kFirstDcid is
+  /// never counted. Taking out of a container that is not counted leaves the fingerprint alone too;
+  /// taking more bytes than are counted wraps around. The caller holds tableLock_ exclusively.
   void InnerAddReference(unsigned long dcid, FingerprintText fp, unsigned long bytes);
   void InnerDeleteReference(unsigned long dcid, FingerprintText fp, unsigned long bytes);
 
@@ -289,15 +291,15 @@ class ZEFS_EXTMAP_API CMappingTable {
   void AppendDcids(std::vector<std::pair<unsigned long, unsigned long>>* out) const;
   void AppendFingerprints(std::vector<FingerprintText>* out) const;
 
-  // Between changes both views are one: the roots are the same, as are the sizes, and the three lists
-  // of the running change are empty.
-  std::int64_t rsize_ = 0;              // extents in the reader's view
-  std::int64_t wsize_ = 0;              // extents in the writer's view
-  CMapNode* rroot_;                     // never null; owns the tree
-  CMapNode* wroot_;                     // never null
-  std::vector<Key*> dirtyKeys_;         // keys in clean nodes whose wnode differs from rnode
-  std::vector<CMapNode*> dirtyNodes_;   // nodes made in the running change
-  std::set<CMapNode*> oldNodes_;        // replaced nodes, freed after the commit
+  // Between changes both views are one: the roots are the same, as are the sizes, and the three
+  // lists of the running change are empty.
+  std::int64_t rsize_ = 0;             // extents in the reader's view
+  std::int64_t wsize_ = 0;             // extents in the writer's view
+  CMapNode* rroot_;                    // never null; owns the tree
+  CMapNode* wroot_;                    // never null
+  std::vector<Key*> dirtyKeys_;        // keys in clean nodes whose wnode differs from rnode
+  std::vector<CMapNode*> dirtyNodes_;  // nodes made in the running change
+  std::set<CMapNode*> oldNodes_;       // replaced nodes, freed after the commit
   bool commit_ = false;
 
  protected:
@@ -306,8 +308,8 @@ class ZEFS_EXTMAP_API CMappingTable {
   boost::shared_mutex tableLock_;
 
  private:
-  DcidReferences refsByDcid_;        // bytes referenced, by container
-  FingerprintReferences refsByFp_;   // extents, by fingerprint
+  DcidReferences refsByDcid_;                     // bytes referenced, by container
+  FingerprintReferences refsByFp_;                // extents, by fingerprint
   std::list<zefs::DataCacheNode*> writingNodes_;  // stays empty in this library
   std::uint64_t writingNodesCount_ = 0;
 
@@ -318,9 +320,10 @@ class ZEFS_EXTMAP_API CMappingTable {
   FingerprintIndex fpIndex_;  // finds the entries of refsByFp_
 };
 
-/// Makes a table of the kind that ZefsConfig asks for. The caller owns it and deletes it through this
-/// class. `tableType` concerns the persistent table only, which needs one load() before anything else.
-/// Throws SysException(ENOSYS) if the persistent table is asked for: this version does not have it.
+/// Makes a table of the kind that ZefsConfig asks for. The caller owns it and deletes it through
+/// this class. `tableType` concerns the persistent table only, which needs one load() before
+/// anything else. Throws SysException(ENOSYS) if the persistent table is asked for: this version
+/// does not have it.
 ZEFS_EXTMAP_API CMappingTable* CreateMappingTable(zefs::DataCacheManagementInterface* dci,
                                                   std::string tableType);
 
@@ -332,3 +335,6 @@ ZEFS_EXTMAP_API int GetMapAbsolutePath(const std::string& path, std::string* out
 ZEFS_EXTMAP_API int GetMapIndexSet(const std::string& path, std::set<std::string>* out);
 
 }  // namespace Aldenta::Qnd::Morene::Zefs
+
+// The nodes of the tree belong to this header, and refer to the table.
+#include "table/tree_nodes.h"

@@ -2,62 +2,64 @@
 #include "table/mapping_table.h"
 #include "table/tree_nodes.h"
 
-// The two changing operations of the in-memory table: which extents go, which come, and how the list
-// is applied to the writer's view and committed.
+// The two changing operations of the in-memory table: which extents go, which come, and how the
+// list is applied to the writer's view and committed.
 
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#include <sanitizer/lsan_interface.h>
-#define __SANITIZE_ADDRESS__ 1
+#if defined(__has_feature)
+#define ZEFS_HAS_FEATURE(feature) __has_feature(feature)
+#else
+#define ZEFS_HAS_FEATURE(feature) 0
 #endif
+#if defined(__SANITIZE_ADDRESS__) || ZEFS_HAS_FEATURE(address_sanitizer)
+#define ZEFS_LEAK_CHECKED 1
+#include <sanitizer/lsan_interface.h>
 #endif
 
 namespace Aldenta::Qnd::Morene::Zefs {
 
 namespace {
 
-unsigned long LengthOf(const Ext& ext) {
-  return static_cast<unsigned long>(ext.eOff) - static_cast<unsigned long>(ext.sOff);
-}
-
 /// A root that has lost all children but one steps aside for that child. It is on no list of the
 /// change and stays allocated, and counted in CMapNode::count_: the leak checker is told so, for
-/// exactly this object.
-void KeepCollapsedRoot([[maybe_unused]] CMapNode* root) {
-#if defined(__SANITIZE_ADDRESS__)
+/// exactly this object. What it held is let go, so that it is small and leads to no other node.
+void KeepCollapsedRoot(CKeyNode* root) {
+  if (root->dirty) {
+    std::vector<Key>().swap(root->keys);
+  }
+#if defined(ZEFS_LEAK_CHECKED)
   __lsan_ignore_object(root);
 #endif
 }
 
-/// The part of `ext` in [sOff, eOff), which lies inside its range, with its place in the object kept.
-/// Counted unsigned: an extent may be longer than half of all offsets.
+/// The part of `ext` in [sOff, eOff), which lies inside its range, with its place in the object
+/// kept. Counted unsigned: an extent may be longer than half of all offsets.
 Ext PieceOf(const Ext& ext, long sOff, long eOff) {
   const auto cut = static_cast<unsigned long>(sOff) - static_cast<unsigned long>(ext.sOff);
   const auto objOff = static_cast<long>(static_cast<unsigned long>(ext.objOff) + cut);
   return Ext(sOff, eOff, &ext.objectID, objOff, ext.objCksum, ext.data);
 }
 
-void WriteAddLine(const Ext& ext, FILE* trace) {
-  fprintf(trace, "add extent [%lu, %lu, %lu]\n", static_cast<unsigned long>(ext.sOff),
-          static_cast<unsigned long>(ext.eOff), static_cast<unsigned long>(ext.objOff));
+/// The line of an extent that comes, in the trace file if there is one, else in the log.
+void AddLine(const Ext& ext, FILE* trace) {
+  if (trace != nullptr) {
+    fprintf(trace, "add extent [%lu, %lu, %lu]\n", static_cast<unsigned long>(ext.sOff),
+            static_cast<unsigned long>(ext.eOff), static_cast<unsigned long>(ext.objOff));
+  } else {
+    ZEFS_LOG(zefs::kLogTrace, "add extent [%llu, %llu, %llu]",
+             static_cast<unsigned long long>(ext.sOff), static_cast<unsigned long long>(ext.eOff),
+             static_cast<unsigned long long>(ext.objOff));
+  }
 }
 
-void LogAddLine(const Ext& ext) {
-  ZEFS_LOG(zefs::kLogTrace, "add extent [%llu, %llu, %llu]",
-           static_cast<unsigned long long>(ext.sOff), static_cast<unsigned long long>(ext.eOff),
-           static_cast<unsigned long long>(ext.objOff));
-}
-
-void WriteDeleteLine(const Ext& ext, FILE* trace) {
-  fprintf(trace, "delete extent [%lu, %lu]\n", static_cast<unsigned long>(ext.sOff),
-          static_cast<unsigned long>(ext.eOff));
-}
-
-void LogDeleteLine(const Ext& ext) {
-  ZEFS_LOG(zefs::kLogTrace, "delete extent [%llu, %llu]",
-           static_cast<unsigned long long>(ext.sOff), static_cast<unsigned long long>(ext.eOff));
+/// The line of an extent that goes, likewise.
+void DeleteLine(const Ext& ext, FILE* trace) {
+  if (trace != nullptr) {
+    fprintf(trace, "delete extent [%lu, %lu]\n", static_cast<unsigned long>(ext.sOff),
+            static_cast<unsigned long>(ext.eOff));
+  } else {
+    ZEFS_LOG(zefs::kLogTrace, "delete extent [%llu, %llu]",
+             static_cast<unsigned long long>(ext.sOff), static_cast<unsigned long long>(ext.eOff));
+  }
 }
 
 }  // namespace
@@ -92,9 +94,9 @@ void CMappingTable::DeleteFromTree(const Ext& ext, ReferenceChange* references) 
     wroot_ = local.front();
   }
   if (wroot_->getItemNum() == 1 && wroot_->isKeyNode()) {
-    CMapNode* const child = static_cast<CKeyNode*>(wroot_)->keys.at(0).wnode;
-    KeepCollapsedRoot(wroot_);
-    wroot_ = child;
+    auto* const root = static_cast<CKeyNode*>(wroot_);
+    wroot_ = root->keys.at(0).wnode;
+    KeepCollapsedRoot(root);
   }
 }
 
@@ -149,19 +151,11 @@ int CMappingTable::insert(long sOff, long eOff, const ObjectID* oid, long objOff
     ReferenceChange references = StartReferenceChange();
     for (const Ext& ext : toDelete) {
       DeleteFromTree(ext, &references);
-      if (trace != nullptr) {
-        WriteDeleteLine(ext, trace);
-      } else {
-        LogDeleteLine(ext);
-      }
+      DeleteLine(ext, trace);
     }
     for (const Ext& ext : toAdd) {
       AddToTree(ext, &references);
-      if (trace != nullptr) {
-        WriteAddLine(ext, trace);
-      } else {
-        LogAddLine(ext);
-      }
+      AddLine(ext, trace);
     }
   }
   wsize_ += static_cast<std::int64_t>(toAdd.size()) - static_cast<std::int64_t>(toDelete.size());
@@ -185,14 +179,14 @@ int CMappingTable::truncate(long size, FILE* trace) {
     ReferenceChange references = StartReferenceChange();
     for (const Ext& ext : toDelete) {
       DeleteFromTree(ext, &references);
-      LogDeleteLine(ext);
+      DeleteLine(ext, nullptr);  // always in the log
     }
     // The reader's view still shows the extent: its leaf is freed after the commit.
     if (first->sOff < size && size < first->eOff) {
       const Ext front = PieceOf(*first, first->sOff, size);
       AddToTree(front, &references);
       if (trace != nullptr) {
-        WriteAddLine(front, trace);
+        AddLine(front, trace);
       }
       ++wsize_;
     }

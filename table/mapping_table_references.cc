@@ -12,10 +12,6 @@ namespace {
 /// Below this many writing nodes an internal flush takes none.
 constexpr std::uint64_t kInternalFlushNodes = 10000;
 
-unsigned long LengthOf(Ext& ext) {
-  return static_cast<unsigned long>(ext.eOff) - static_cast<unsigned long>(ext.sOff);
-}
-
 }  // namespace
 
 ReferenceChange CMappingTable::StartReferenceChange() {
@@ -118,7 +114,9 @@ void CMappingTable::GetDCIDAndFP(std::vector<std::pair<unsigned long, unsigned l
   AppendFingerprints(fps);
 }
 
-unsigned long CMappingTable::GetWritingNodesCount() const { return writingNodesCount_; }
+unsigned long CMappingTable::GetWritingNodesCount() const {
+  return writingNodesCount_;
+}
 
 void CMappingTable::GetWritingNodes(std::vector<DataCacheNodePointerWithStatus>* out,
                                     bool internal_flush) {

@@ -5,7 +5,8 @@
 
 namespace Aldenta::Qnd::Morene::Zefs {
 
-/// A new shadow of `node`, of the node's own kind; throws SysException(kErrInternal) if there is none.
+/// A new shadow of `node`, of the node's own kind; throws SysException(kErrInternal) if there is
+/// none.
 template <typename Node>
 Node& ShadowOf(Node& node, CMappingTable* table) {
   auto* copy = dynamic_cast<Node*>(node.shadow(table));
@@ -15,8 +16,8 @@ Node& ShadowOf(Node& node, CMappingTable* table) {
   return *copy;
 }
 
-/// `node` if the running change may alter it, else a new shadow of it, with the same items at the same
-/// places.
+/// `node` if the running change may alter it, else a new shadow of it, with the same items at the
+/// same places.
 template <typename Node>
 Node& Writable(Node& node, CMappingTable* table) {
   return node.dirty ? node : ShadowOf(node, table);

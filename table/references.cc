@@ -85,9 +85,8 @@ void ReferenceChange::Delete(unsigned long dcid, const FingerprintText& fp, unsi
   Lower(entry);
   if (entry->second == 0) {
     crfp_digest_t digest{};
-    if (CRFPStringToDigest_r(fp.data(), kCrfpDigestKind, digest.data()) == 0) {
-      index_.Erase(digest);
-    }
+    CRFPStringToDigest_r(fp.data(), kCrfpDigestKind, digest.data());
+    index_.Erase(digest);
     byFp_.erase(entry);
   }
 }
@@ -104,19 +103,18 @@ void ReferenceChange::AddBytes(unsigned long dcid, unsigned long bytes) {
   } else {
     entry = byDcid_.emplace_hint(entry, dcid, bytes);
   }
-  Remember(entry, false);
+  Remember(entry);
 }
 
 /// False if the container is not counted.
 bool ReferenceChange::DeleteBytes(unsigned long dcid, unsigned long bytes) {
   TouchedDcid* known = Remembered(dcid);
   if (known == nullptr) {
-    auto entry = byDcid_.find(dcid);
+    const auto entry = byDcid_.find(dcid);
     if (entry == byDcid_.end()) {
       return false;
     }
-    Remember(entry, false);
-    known = Remembered(dcid);
+    known = Remember(entry);
   } else if (known->emptied) {
     return false;
   }
@@ -146,11 +144,12 @@ ReferenceChange::TouchedFp* ReferenceChange::Remembered(const crfp_digest_t& fp)
   return nullptr;
 }
 
-void ReferenceChange::Remember(DcidReferences::iterator entry, bool emptied) {
+ReferenceChange::TouchedDcid* ReferenceChange::Remember(DcidReferences::iterator entry) {
   if (dcidCount_ == kRemembered) {
     ForgetDcids();
   }
-  dcids_[dcidCount_++] = {entry, emptied};
+  dcids_[dcidCount_] = {entry, false};
+  return &dcids_[dcidCount_++];
 }
 
 void ReferenceChange::Remember(const crfp_digest_t& fp, FingerprintReferences::iterator entry) {

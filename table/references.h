@@ -12,10 +12,12 @@ namespace Aldenta::Qnd::Morene::Zefs {
 
 /// Container id to the bytes of all extents that refer to it.
 using DcidReferences = std::map<unsigned long, unsigned long>;
+
 /// Applies the reference changes of one operation. The result is that of counting one extent after
-/// the other, in the order of the calls, but most overwrites take an extent out and put pieces of it
-/// back, so the entries last touched are remembered: they are not searched a second time, and an entry
-/// that fell to zero keeps its place until the change ends, in case a piece refers to it again.
+/// the other, in the order of the calls, but most overwrites take an extent out and put pieces of
+/// it back, so the entries last touched are remembered: they are not searched a second time, and an
+/// entry that fell to zero keeps its place until the change ends, in case a piece refers to it
+/// again.
 ///
 /// Lives on the stack of one change, under the exclusive table lock; the maps are right once it is
 /// destroyed.
@@ -31,12 +33,12 @@ class ReferenceChange {
   /// Counts one extent of `bytes` bytes in. A dcid below kFirstDcid is not counted.
   void Add(const ObjectID& oid, unsigned long bytes);
 
-  /// Counts one extent of `bytes` bytes out. A dcid below kFirstDcid is not counted; if the container
-  /// is not counted the fingerprint is left alone too. Bytes wrap around below zero.
+  /// Counts one extent of `bytes` bytes out. A dcid below kFirstDcid is not counted; if the
+  /// container is not counted the fingerprint is left alone too. Bytes wrap around below zero.
   void Delete(const ObjectID& oid, unsigned long bytes);
 
-  /// The same by container id and fingerprint text. Nothing is remembered of the fingerprint: not to
-  /// be mixed with the two above in one change.
+  /// The same by container id and fingerprint text. Nothing is remembered of the fingerprint: not
+  /// to be mixed with the two above in one change.
   void Add(unsigned long dcid, const FingerprintText& fp, unsigned long bytes);
   void Delete(unsigned long dcid, const FingerprintText& fp, unsigned long bytes);
 
@@ -55,7 +57,7 @@ class ReferenceChange {
   bool DeleteBytes(unsigned long dcid, unsigned long bytes);
   TouchedDcid* Remembered(unsigned long dcid);
   TouchedFp* Remembered(const crfp_digest_t& fp);
-  void Remember(DcidReferences::iterator entry, bool emptied);
+  TouchedDcid* Remember(DcidReferences::iterator entry);
   void Remember(const crfp_digest_t& fp, FingerprintReferences::iterator entry);
   FingerprintReferences::iterator Find(const crfp_digest_t& fp);
   void ForgetDcids();

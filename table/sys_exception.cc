@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <cstring>
-
 #include <cxxabi.h>
 #include <execinfo.h>
 
@@ -80,6 +79,8 @@ SysException::SysException(int errorCode)
 
 SysException::~SysException() = default;
 
-const char* SysException::what() const noexcept { return message.c_str(); }
+const char* SysException::what() const noexcept {
+  return message.c_str();
+}
 
 }  // namespace Aldenta::Qnd::Morene::Zefs

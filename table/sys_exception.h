@@ -14,12 +14,13 @@ class ZEFS_EXTMAP_API Exception : public std::exception {
   ~Exception() override;
 };
 
-// Codes that the library throws itself. Every other one is the return code of a failed LMDB or system
-// call, handed on unchanged.
-inline constexpr int kErrInternal = 14;  ///< inconsistency of the tree, wrong kind of node or iterator
-inline constexpr int kErrInvalid = 22;   ///< invalid argument or state
-inline constexpr int kErrIo = 5;         ///< input or output failure
-inline constexpr int kErrExists = 17;    ///< the target of a snapshot exists and is no directory
+// Codes that the library throws itself. Every other one is the return code of a failed LMDB or
+// system call, handed on unchanged.
+inline constexpr int kErrInternal =
+    14;  ///< inconsistency of the tree, wrong kind of node or iterator
+inline constexpr int kErrInvalid = 22;     ///< invalid argument or state
+inline constexpr int kErrIo = 5;           ///< input or output failure
+inline constexpr int kErrExists = 17;      ///< the target of a snapshot exists and is no directory
 inline constexpr int kErrNoStepBack = -1;  ///< stepping back in the persistent table
 
 /// The one exception of the library: an error code, and where it was thrown.

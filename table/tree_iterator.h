@@ -4,9 +4,10 @@
 
 namespace Aldenta::Qnd::Morene::Zefs {
 
-/// A position in the tree: a leaf and an index in it. Behind the end the leaf is null and the index 0.
-/// Walks the chain of leaves and never the interior nodes. Another kind of iterator on the other side
-/// of an assignment or comparison throws SysException(kErrInternal). Reading at the end is undefined.
+/// A position in the tree: a leaf and an index in it. Behind the end the leaf is null and the index
+/// 0. Walks the chain of leaves and never the interior nodes. Another kind of iterator on the other
+/// side of an assignment or comparison throws SysException(kErrInternal). Reading at the end is
+/// undefined.
 class CMappingTable::iteratorimp final : public CMappingTable::iteratorbase {
  public:
   iteratorimp(CExtNode* leaf, int position) : node(leaf), index(position) {}

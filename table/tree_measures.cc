@@ -5,7 +5,8 @@
 #include "table/mapping_table.h"
 #include "table/tree_nodes.h"
 
-// Tools for a developer at a debugger or in a test bed: the tree checks, prints and measures itself.
+// Tools for a developer at a debugger or in a test bed: the tree checks, prints and measures
+// itself.
 
 namespace Aldenta::Qnd::Morene::Zefs {
 
@@ -17,7 +18,9 @@ constexpr int kBlanksALevel = 3;
 std::string Range(long start, long end) {
   return std::to_string(start) + ", " + std::to_string(end);
 }
-std::string RangeOf(CMapNode& node) { return Range(node.getStartOffset(), node.getEndOffset()); }
+std::string RangeOf(CMapNode& node) {
+  return Range(node.getStartOffset(), node.getEndOffset());
+}
 
 /// Writes one finding to standard output. Always false: the check that found it has failed.
 bool Finding(const std::string& line) {
@@ -40,10 +43,12 @@ bool CKeyNode::checkNode(bool isRoot) {
     return Finding("node [" + RangeOf(*this) + "] is dirty node");
   }
   if (!isRoot && !hasEnoughItems()) {
-    return Finding("node [" + RangeOf(*this) + "] has not enough Items :  " + std::to_string(keys.size()));
+    return Finding("node [" + RangeOf(*this) +
+                   "] has not enough Items :  " + std::to_string(keys.size()));
   }
   if (hasTooManyItems()) {
-    return Finding("node [" + RangeOf(*this) + "] has too many Items : " + std::to_string(keys.size()));
+    return Finding("node [" + RangeOf(*this) +
+                   "] has too many Items : " + std::to_string(keys.size()));
   }
   for (auto key = keys.begin(); key != keys.end(); ++key) {
     const auto where = [&] {
@@ -77,10 +82,12 @@ bool CExtNode::checkNode(bool isRoot) {
     return Finding("node [" + RangeOf(*this) + "] is dirty node");
   }
   if (!isRoot && !hasEnoughItems()) {
-    return Finding("node [" + RangeOf(*this) + "] has not enough Items :  " + std::to_string(extents.size()));
+    return Finding("node [" + RangeOf(*this) +
+                   "] has not enough Items :  " + std::to_string(extents.size()));
   }
   if (hasTooManyItems()) {
-    return Finding("node [" + RangeOf(*this) + "] has too many Items : " + std::to_string(extents.size()));
+    return Finding("node [" + RangeOf(*this) +
+                   "] has too many Items : " + std::to_string(extents.size()));
   }
   if (next != nullptr && next->prev != this) {
     return Finding("node [" + RangeOf(*this) + "]'s next node's prev node is not itself");
@@ -179,7 +186,9 @@ long CMappingTable::getTableSize(long* nodes, long* slots) {
   return rroot_ == nullptr ? 0 : rroot_->getTreeSize(nodes, slots);
 }
 
-bool CMappingTable::checkTable() { return true; }
+bool CMappingTable::checkTable() {
+  return true;
+}
 
 void CMappingTable::dump(FILE* file) {
   if (file != nullptr) {

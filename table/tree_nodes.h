@@ -13,8 +13,9 @@ class CMappingTable;
 
 /// A node of the tree, one heap object each. The tree has two views at once: readers go from the
 /// table's rroot_ through Key::rnode, the writer from wroot_ through Key::wnode. A clean node is
-/// visible to readers: its items are not altered, and a change works on a shadow instead. A dirty node
-/// belongs to the running change, is listed in the table's dirtyNodes_, and is altered in place.
+/// visible to readers: its items are not altered, and a change works on a shadow instead. A dirty
+/// node belongs to the running change, is listed in the table's dirtyNodes_, and is altered in
+/// place.
 ///
 /// A child talks to its parent through `out`: what it has to say goes behind whatever stands there.
 ///
@@ -30,21 +31,23 @@ class ZEFS_EXTMAP_API CMapNode {
   virtual ~CMapNode() { --count_; }
 
   /// Adds `ext`, which overlaps nothing, in the writer's view. Result 0: this node stands where it
-  /// stood, and `*out` gets any new node that has to come to its right. Result 1: a shadow takes its
-  /// place, which comes last in `*out`, behind any new right sibling.
+  /// stood, and `*out` gets any new node that has to come to its right. Result 1: a shadow takes
+  /// its place, which comes last in `*out`, behind any new right sibling.
   virtual int addExt(CMappingTable* table, const Ext& ext, std::vector<CMapNode*>* out) = 0;
 
-  /// Adds `ext` behind everything, in place in the reader's view. `*out` gets any new node that has to
-  /// come to the right of this one. Returns 0.
+  /// Adds `ext` behind everything, in place in the reader's view. `*out` gets any new node that has
+  /// to come to the right of this one. Returns 0.
   virtual int appendExt(CMappingTable* table, const Ext& ext, std::vector<CMapNode*>* out) = 0;
 
-  /// Removes the stored extent that has exactly this range, in the writer's view. `*out` stays empty
-  /// if this node stands in place and needs no repair; otherwise it gets the node as it now is: a
-  /// shadow, or this node if it is below its minimum. The result says nothing: callers go by `*out`.
+  /// Removes the stored extent that has exactly this range, in the writer's view. `*out` stays
+  /// empty if this node stands in place and needs no repair; otherwise it gets the node as it now
+  /// is: a shadow, or this node if it is below its minimum. The result says nothing: callers go by
+  /// `*out`.
   virtual int deleteExt(CMappingTable* table, long sOff, long eOff,
                         std::vector<CMapNode*>* out) = 0;
 
-  /// The leaf and index of the first extent that ends above `offset`, in the reader's view; null, with
+  /// The leaf and index of the first extent that ends above `offset`, in the reader's view; null,
+  /// with
   /// `*index` untouched, if there is none.
   virtual CMapNode* lower_bound(long offset, int* index) = 0;
 
@@ -58,9 +61,9 @@ class ZEFS_EXTMAP_API CMapNode {
   virtual bool canBorrowItem() = 0;    ///< can give an item away and still has enough
   virtual bool hasTooManyItems() = 0;  ///< has to split
 
-  /// Moves `count` items of `from`, starting at `fromIndex`, in front of this node's item `toIndex`.
-  /// Returns true. If `from` is null or of the other kind, a key node returns false and a leaf throws
-  /// SysException(kErrInternal).
+  /// Moves `count` items of `from`, starting at `fromIndex`, in front of this node's item
+  /// `toIndex`. Returns true. If `from` is null or of the other kind, a key node returns false and
+  /// a leaf throws SysException(kErrInternal).
   virtual bool moveItems(CMapNode* from, int fromIndex, int toIndex, int count) = 0;
 
   virtual int getItemNum() = 0;
@@ -72,7 +75,8 @@ class ZEFS_EXTMAP_API CMapNode {
   /// oldNodes_.
   virtual CMapNode* shadow(CMappingTable* table) = 0;
 
-  /// Whether this node and everything below it are sound. The first finding goes to standard output.
+  /// Whether this node and everything below it are sound. The first finding goes to standard
+  /// output.
   virtual bool checkNode(bool isRoot) = 0;
 
   /// Prints the extents and keys of the subtree, indented by 3 blanks a level, to `file`, or to

@@ -1,14 +1,13 @@
 #include "support/filesystem.h"
 
 #include <cerrno>
-#include <fstream>
-
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <fstream>
 #include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "tests/support/temp_dir.h"
 #include "tests/support/vtable_slot.h"
@@ -21,7 +20,9 @@ using storage::utils::filesystem;
 using zefs::test::SlotOf;
 using zefs::test::TempDir;
 
-fs::perms RightsOf(const fs::path& path) { return fs::status(path).permissions(); }
+fs::perms RightsOf(const fs::path& path) {
+  return fs::status(path).permissions();
+}
 
 class FilesystemTest : public testing::Test {
  protected:
@@ -33,13 +34,18 @@ class FilesystemTest : public testing::Test {
   filesystem fs_;
 };
 
+/// One operation behind the others: shows how many slots there are.
+struct OneMoreFilesystem : filesystem {
+  virtual void more() {}
+};
+
 TEST(FilesystemSlotTest, OperationsStandInTheirSlots) {
   using C = filesystem;
   using P = const fs::path&;
   EXPECT_EQ(2U, SlotOf(static_cast<bool (C::*)(P) const>(&C::create_directories)));
   EXPECT_EQ(3U, SlotOf(static_cast<bool (C::*)(P, fs::perms) const>(&C::create_directories)));
-  EXPECT_EQ(
-      4U, SlotOf(static_cast<bool (C::*)(P, fs::perms) const>(&C::check_and_create_directories)));
+  EXPECT_EQ(4U,
+            SlotOf(static_cast<bool (C::*)(P, fs::perms) const>(&C::check_and_create_directories)));
   EXPECT_EQ(5U, SlotOf(static_cast<bool (C::*)(P, fs::perms, error_code&) const>(
                     &C::check_and_create_directories)));
   EXPECT_EQ(6U, SlotOf(static_cast<bool (C::*)(fs::file_status) const>(&C::is_directory)));
@@ -54,6 +60,7 @@ TEST(FilesystemSlotTest, OperationsStandInTheirSlots) {
   EXPECT_EQ(15U, SlotOf(&C::read));
   EXPECT_EQ(16U, SlotOf(&C::close));
   EXPECT_EQ(17U, SlotOf(&C::remove_all));
+  EXPECT_EQ(18U, SlotOf(&OneMoreFilesystem::more)) << "nothing stands behind";
   EXPECT_EQ(sizeof(void*), sizeof(C));
 }
 
@@ -133,6 +140,54 @@ TEST_F(FilesystemTest, CheckAndCreateWithoutItsParentIsFalse) {
   error_code ec;
   EXPECT_FALSE(counting.check_and_create_directories(dir_ / "a" / "b", fs::owner_all, ec));
   EXPECT_FALSE(fs::exists(dir_ / "a"));
+}
+
+/// Somebody else makes the directory while this call makes its parent.
+class RacedFilesystem : public filesystem {
+ public:
+  explicit RacedFilesystem(fs::path raced) : raced_(std::move(raced)) {}
+  using filesystem::check_and_create_directories;
+  bool check_and_create_directories(const fs::path& p, fs::perms perms) const override {
+    const bool made = filesystem::check_and_create_directories(p, perms);
+    if (p == raced_.parent_path()) {
+      fs::create_directory(raced_);
+      fs::permissions(raced_, fs::owner_all | fs::others_exe);
+    }
+    return made;
+  }
+
+ private:
+  fs::path raced_;
+};
+
+TEST_F(FilesystemTest, LosingARaceIsSuccessAndTheWinnersRightsStay) {
+  const fs::path first = dir_ / "a" / "b";
+  EXPECT_TRUE(RacedFilesystem(first).check_and_create_directories(first, fs::owner_all));
+  EXPECT_EQ(fs::owner_all | fs::others_exe, RightsOf(first));
+  const fs::path second = dir_ / "c" / "d";
+  error_code ec;
+  EXPECT_TRUE(RacedFilesystem(second).check_and_create_directories(second, fs::owner_all, ec));
+  EXPECT_FALSE(ec);
+  EXPECT_EQ(fs::owner_all | fs::others_exe, RightsOf(second));
+}
+
+TEST_F(FilesystemTest, TheErrorCodeFormThrowsForWhatConcernsAParent) {
+  WriteFile(dir_ / "file", "x");
+  error_code ec;
+  EXPECT_THROW(fs_.check_and_create_directories(dir_ / "file" / "a" / "b", fs::owner_all, ec),
+               fs::filesystem_error);
+}
+
+TEST_F(FilesystemTest, CreateDirectoriesThrowsBelowAFile) {
+  WriteFile(dir_ / "file", "x");
+  EXPECT_THROW(fs_.create_directories(dir_ / "file" / "a"), fs::filesystem_error);
+  EXPECT_THROW(fs_.create_directories(dir_ / "file" / "a", fs::owner_all), fs::filesystem_error);
+}
+
+TEST_F(FilesystemTest, RemoveAllReportsThroughTheErrorCode) {
+  error_code ec;
+  fs_.remove_all(dir_ / std::string(300, 'x'), ec);
+  EXPECT_TRUE(ec) << "a name too long for any directory";
 }
 
 TEST_F(FilesystemTest, CreateDirectoriesGivesRightsOnlyToWhatItMade) {

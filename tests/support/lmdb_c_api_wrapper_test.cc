@@ -13,12 +13,21 @@ namespace {
 using storage::utils::LmdbCApiWrapper;
 using zefs::test::SlotOf;
 
-MDB_val Val(std::string& text) { return MDB_val{text.size(), text.data()}; }
+MDB_val Val(std::string& text) {
+  return MDB_val{text.size(), text.data()};
+}
 std::string Text(const MDB_val& val) {
   return std::string(static_cast<const char*>(val.mv_data), val.mv_size);
 }
 
-int Reversed(const MDB_val* a, const MDB_val* b) { return Text(*b).compare(Text(*a)); }
+int Reversed(const MDB_val* a, const MDB_val* b) {
+  return Text(*b).compare(Text(*a));
+}
+
+/// One operation behind the others: shows how many slots there are.
+struct OneMoreWrapper : LmdbCApiWrapper {
+  virtual void more() {}
+};
 
 TEST(LmdbCApiWrapperTest, OperationsStandInTheirSlots) {
   using W = LmdbCApiWrapper;
@@ -40,6 +49,7 @@ TEST(LmdbCApiWrapperTest, OperationsStandInTheirSlots) {
   EXPECT_EQ(17U, SlotOf(&W::get));
   EXPECT_EQ(18U, SlotOf(&W::del));
   EXPECT_EQ(19U, SlotOf(&W::strerror));
+  EXPECT_EQ(20U, SlotOf(&OneMoreWrapper::more)) << "nothing stands behind";
   EXPECT_EQ(sizeof(void*), sizeof(W));
 }
 
@@ -89,6 +99,44 @@ TEST(LmdbCApiWrapperTest, EveryCallReachesLmdb) {
   api.txn_abort(txn);
   EXPECT_STREQ(mdb_strerror(MDB_NOTFOUND), api.strerror(MDB_NOTFOUND));
   api.dbi_close(env, dbi);
+  api.env_close(env);
+}
+
+TEST(LmdbCApiWrapperTest, EachArgumentArrives) {
+  const zefs::test::TempDir dir;
+  const LmdbCApiWrapper api;
+  MDB_env* env = nullptr;
+  ASSERT_EQ(0, api.env_create(&env));
+  ASSERT_EQ(0, mdb_env_set_maxdbs(env, 1));
+  const std::string file = (dir / "named").string();
+  ASSERT_EQ(0, api.env_open(env, file.c_str(), MDB_NOSUBDIR | MDB_NOLOCK, 0640));
+  unsigned int flags = 0;
+  ASSERT_EQ(0, mdb_env_get_flags(env, &flags));
+  EXPECT_NE(0U, flags & MDB_NOLOCK);
+  EXPECT_EQ(boost::filesystem::owner_read | boost::filesystem::owner_write |
+                boost::filesystem::group_read,
+            boost::filesystem::status(file).permissions() | boost::filesystem::group_read);
+
+  MDB_txn* parent = nullptr;
+  MDB_txn* child = nullptr;
+  unsigned int dbi = 0;
+  ASSERT_EQ(0, api.txn_begin(env, nullptr, 0, &parent));
+  EXPECT_EQ(MDB_NOTFOUND, api.dbi_open(parent, "name", 0, &dbi)) << "without the flag to create";
+  ASSERT_EQ(0, api.dbi_open(parent, "name", MDB_CREATE | MDB_DUPSORT, &dbi));
+  ASSERT_EQ(0, api.txn_begin(env, parent, 0, &child)) << "a child: the parent arrives";
+  std::string a = "a";
+  std::string b = "b";
+  MDB_val key = Val(a);
+  MDB_val first = Val(a);
+  MDB_val second = Val(b);
+  EXPECT_EQ(0, api.put(child, dbi, &key, &first, 0));
+  EXPECT_EQ(0, api.put(child, dbi, &key, &second, 0));
+  EXPECT_EQ(0, api.txn_commit(child));
+  EXPECT_EQ(0, api.del(parent, dbi, &key, &first)) << "of two values this one goes";
+  MDB_val left{};
+  ASSERT_EQ(0, api.get(parent, dbi, &key, &left));
+  EXPECT_EQ("b", Text(left));
+  api.txn_abort(parent);
   api.env_close(env);
 }
 

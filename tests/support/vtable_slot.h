@@ -5,9 +5,9 @@
 
 namespace zefs::test {
 
-/// Slot of a virtual operation in its class's vtable, from the pointer to the member: in the Itanium
-/// C++ ABI, which 64-bit Linux uses, its first word is one more than the byte offset in the vtable.
-/// A destructor takes two slots.
+/// Slot of a virtual operation in its class's vtable, from the pointer to the member: in the
+/// Itanium C++ ABI, which 64-bit Linux uses, its first word is one more than the byte offset in the
+/// vtable. A destructor takes two slots.
 template <typename MemberPointer>
 std::size_t SlotOf(MemberPointer member) {
   static_assert(sizeof(member) == 2 * sizeof(std::ptrdiff_t), "Itanium member pointer");

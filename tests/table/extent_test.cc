@@ -52,11 +52,17 @@ TEST(ExtentLayoutTest, RecordsHaveTheirFieldsInOrder) {
   EXPECT_EQ(40U, offsetof(Extent, fp));
   EXPECT_EQ(72U, offsetof(Extent, op));
   EXPECT_EQ(80U, sizeof(Extent));
+  EXPECT_EQ(4U, sizeof(op_t));
+  EXPECT_EQ(0U, ADD);
+  EXPECT_EQ(1U, DEL);
 
   using WithOffset = zefs::DataCacheNode::ObjectID_With_Offset;
   EXPECT_EQ(0U, offsetof(WithOffset, objectID));
   EXPECT_EQ(56U, offsetof(WithOffset, startOffset));
   EXPECT_EQ(64U, offsetof(WithOffset, endOffset));
+  EXPECT_EQ(72U, sizeof(WithOffset));
+  EXPECT_EQ(64U, sizeof(ObjectIDAndDCOff));
+  EXPECT_EQ(72U, sizeof(DataCacheNodePointerWithStatus));
   EXPECT_EQ(0U, offsetof(ObjectIDAndDCOff, objectID));
   EXPECT_EQ(56U, offsetof(ObjectIDAndDCOff, dcOffset));
   EXPECT_EQ(0U, offsetof(DataCacheNodePointerWithStatus, node));
@@ -84,6 +90,9 @@ TEST(ExtentLayoutTest, RecordsHaveTheirFieldsInOrder) {
   EXPECT_EQ(72U, offsetof(Dci::ExtInfo, dcOffset));
   EXPECT_EQ(80U, offsetof(Dci::ExtInfo, millis));
   EXPECT_EQ(88U, offsetof(Dci::ExtInfo, inRange));
+  EXPECT_EQ(96U, sizeof(Dci::ExtInfo));
+  EXPECT_EQ(24U, sizeof(Dci::PrefetchRange));
+  EXPECT_EQ(48U, sizeof(Dci::DCInfo));
 }
 
 TEST(ExtentLayoutTest, DefaultsOfTheHostsRecords) {
@@ -189,14 +198,28 @@ struct Watching : Ext {
 
 TEST(ExtentTest, CopyingSharesTheNodeAndDestroyingEitherLeavesItAlone) {
   int node = 7;
-  auto first = std::make_unique<Ext>(1, 2, nullptr, 3, 4, &node);
+  const ObjectID oid = Oid(99, 3);
+  auto first = std::make_unique<Ext>(1, 2, &oid, 3, 4, &node);
   first->dcOffset = 9;
-  const Ext second(*first);
-  EXPECT_EQ(&node, first->data);
-  EXPECT_EQ(&node, second.data);
-  EXPECT_EQ(9, second.dcOffset);
+  auto second = std::make_unique<Ext>(*first);
+  const Ext third(*second);
+  for (const Ext* copy : {static_cast<const Ext*>(second.get()), &third}) {
+    EXPECT_EQ(99U, copy->objectID.dcid);
+    EXPECT_EQ(oid.fp, copy->objectID.fp);
+    EXPECT_EQ(oid.attrByte, copy->objectID.attrByte);
+    EXPECT_EQ(oid.attrWord, copy->objectID.attrWord);
+    EXPECT_EQ(oid.attrFlag, copy->objectID.attrFlag);
+    EXPECT_EQ(4, copy->objCksum);
+    EXPECT_EQ(3, copy->objOff);
+    EXPECT_EQ(1, copy->sOff);
+    EXPECT_EQ(2, copy->eOff);
+    EXPECT_EQ(9, copy->dcOffset);
+    EXPECT_EQ(&node, copy->data);
+  }
+  second.reset();
+  EXPECT_EQ(&node, first->data) << "the copy went first";
   first.reset();
-  EXPECT_EQ(&node, second.data);
+  EXPECT_EQ(&node, third.data);
   EXPECT_EQ(7, node);
 }
 

@@ -69,8 +69,7 @@ TEST_F(FactoryTest, ThePersistentTableIsRefusedWithALineThatSaysWhy) {
   const std::string why =
       "8 useLmdbTable is set, but this version of the library has no persistent table";
   EXPECT_EQ(ENOSYS, CodeOf([] { CreateMappingTable(nullptr, "GENERIC"); }));
-  EXPECT_THAT(Lines(),
-              testing::ElementsAre("0 CreateMappingTable()", "0 using CMappingLMDB", why));
+  EXPECT_THAT(Lines(), testing::ElementsAre("0 CreateMappingTable()", "0 using CMappingLMDB", why));
   std::string out = "as it was";
   EXPECT_EQ(ENOSYS, CodeOf([&] { GetMapRelativePath("/volume/file", &out); }));
   EXPECT_THAT(Lines(), testing::ElementsAre("0 using CMappingLMDB", why));

@@ -16,6 +16,14 @@ using zefs::test::TableTest;
 
 // --- slots -----------------------------------------------------------------------------------
 
+/// One operation behind those of the table, and of a node: shows how many slots they have.
+struct OneMoreTable : CMappingTable {
+  virtual void more() {}
+};
+struct OneMoreNode : CMapNode {
+  virtual void more() = 0;
+};
+
 TEST(InterfaceSlotTest, OperationsOfTheTableStandInTheirSlots) {
   using T = CMappingTable;
   std::size_t slot = 2;  // behind the destructor
@@ -57,6 +65,7 @@ TEST(InterfaceSlotTest, OperationsOfTheTableStandInTheirSlots) {
   EXPECT_EQ(slot++, SlotOf(&T::GetEmptyDcOffsetList));
   EXPECT_EQ(slot++, SlotOf(&T::BackfillDcOffset));
   EXPECT_EQ(slot++, SlotOf(&T::AppendToRefreshDcOffsetList));
+  EXPECT_EQ(slot, SlotOf(&OneMoreTable::more)) << "nothing stands behind";
 }
 
 /// One operation behind those of the base: shows how many slots the base has.
@@ -100,6 +109,7 @@ TEST(InterfaceSlotTest, OperationsOfANodeStandInTheirSlots) {
   EXPECT_EQ(slot++, SlotOf(&N::deleteTree));
   EXPECT_EQ(slot++, SlotOf(&N::getTreeSize));
   EXPECT_EQ(slot++, SlotOf(&N::GetSize));
+  EXPECT_EQ(slot, SlotOf(&OneMoreNode::more)) << "nothing stands behind";
 }
 
 TEST(InterfaceSlotTest, APlainMemberHasNoSlot) {

@@ -40,6 +40,47 @@ TEST_F(SetObjectIdTest, MovesTheBytesToTheNewContainerAndFingerprint) {
   ExpectSound();
 }
 
+/// Its virtual accessors must not be called.
+struct Closed : Ext {
+  using Ext::Ext;
+  ObjectID getObjectID() override { throw SysException(1); }
+  void setObjectID(const ObjectID&) override { throw SysException(1); }
+  long getSOff() override { throw SysException(1); }
+  long getEOff() override { throw SysException(1); }
+};
+
+TEST_F(SetObjectIdTest, WritesTheFieldsWithoutAVirtualCall) {
+  const ObjectID oid = Oid(70, 1);
+  Closed ext(0, 10, &oid, 0, 0, nullptr);
+  EXPECT_NO_THROW(table_.SetObjectID(&ext, Oid(80, 2)));
+  EXPECT_EQ(80U, ext.objectID.dcid);
+  EXPECT_THAT(peer_.dcids(), ElementsAre(Pair(80, 10)));
+}
+
+/// Where the range operations look.
+struct Spying : CMappingTable {
+  using CMappingTable::CMappingTable;
+  iterator lower_bound(long offset, SharedLock* lock) override {
+    EXPECT_EQ(nullptr, lock);
+    asked.push_back(offset);
+    return CMappingTable::lower_bound(offset, lock);
+  }
+  std::vector<long> asked;
+};
+
+TEST(RangeSlotTest, LookUpsGoThroughTheVirtualSlot) {
+  Spying table(nullptr);
+  table.append(0, 10, nullptr, 0, 0, nullptr, nullptr);
+  table.GetObjectIdsAndOffsets(3, 7);
+  EXPECT_THAT(table.asked, ElementsAre(3, 7));
+  table.asked.clear();
+  table.GetObjectIdsAndOffsets(10, 20);
+  EXPECT_THAT(table.asked, ElementsAre(10)) << "nothing is there: the end is not looked for";
+  table.asked.clear();
+  table.UpdateObjectIdsByRange(0, 0, {{Oid(64), 5, 6}, {Oid(64), 8, 9}});
+  EXPECT_THAT(table.asked, ElementsAre(5));
+}
+
 TEST_F(SetObjectIdTest, ToTheSameObjectChangesNoCount) {
   Insert(0, 10, Oid(70, 1));
   table_.SetObjectID(table_.begin().operator->(), Oid(70, 1));
@@ -261,6 +302,7 @@ TEST_F(WritingNodesTest, AnInternalFlushOfFewTakesNoLockAndLogsNothing) {
 TEST_F(WritingNodesTest, AnInternalFlushOfManyStopsAtTheFirstThatIsNotReady) {
   Fill(10000);
   cache_.notReady = &nodes_[2];
+  LogRecorder log;
   table_.GetWritingNodes(&out_, true);
   ASSERT_EQ(2U, out_.size());
   EXPECT_EQ(&nodes_[0], out_[0].node);
@@ -269,6 +311,7 @@ TEST_F(WritingNodesTest, AnInternalFlushOfManyStopsAtTheFirstThatIsNotReady) {
   EXPECT_EQ(9998U, table_.GetWritingNodesCount());
   EXPECT_EQ(&nodes_[2], peer_.writingNodes().front());
   EXPECT_THAT(cache_.flags, ElementsAre(false, false, false));
+  EXPECT_EQ("returned writing nodes vector size: 2", log.Take().at(0).text);
 }
 
 TEST_F(WritingNodesTest, AnExternalCallTakesAllWithTheirStatus) {

@@ -19,7 +19,9 @@ using zefs::refhost::LogRecorder;
 using zefs::test::Oid;
 using zefs::test::TableTest;
 
-FingerprintText Text(unsigned int tag) { return TextOf(Oid(0, tag).fp); }
+FingerprintText Text(unsigned int tag) {
+  return TextOf(Oid(0, tag).fp);
+}
 
 class ReferencesTest : public TableTest {};
 
@@ -89,6 +91,45 @@ TEST_F(ReferencesTest, DeletingAFingerprintThatIsNotCountedStillTakesTheBytes) {
   table_.InnerDeleteReference(64, Text(2), 4);
   EXPECT_THAT(peer_.dcids(), ElementsAre(Pair(64, 6)));
   EXPECT_THAT(peer_.fps(), ElementsAre(Pair(Text(1), 1)));
+}
+
+TEST_F(ReferencesTest, AFingerprintAtZeroGoesAtTheNextDelete) {
+  Insert(0, 10, Oid(64, 1));
+  Insert(10, 20, Oid(64, 2));
+  for (auto& [fp, extents] : peer_.fps()) {
+    extents = 0;
+  }
+  table_.InnerDeleteReference(64, Text(1), 1);
+  EXPECT_THAT(peer_.fps(), ElementsAre(Pair(Text(2), 0)));
+  table_.insert(10, 20, nullptr, 0, 0, nullptr, -1, nullptr);
+  EXPECT_THAT(peer_.fps(), IsEmpty());
+}
+
+TEST_F(ReferencesTest, WhatWasCountedByTextIsFoundByObject) {
+  table_.InnerAddReference(64, Text(1), 100);
+  Insert(0, 10, Oid(64, 1));
+  EXPECT_THAT(peer_.fps(), ElementsAre(Pair(Text(1), 2)));
+  table_.InnerAddReference(64, Text(2), 100);
+  Append(10, 20, Oid(64, 3));
+  table_.SetObjectID(table_.find(10, nullptr).operator->(), Oid(64, 2));
+  EXPECT_THAT(peer_.fps(), ElementsAre(Pair(Text(1), 2), Pair(Text(2), 2)));
+  // By text until nothing is left, while the extents still stand.
+  for (int i = 0; i < 2; ++i) {
+    table_.InnerDeleteReference(64, Text(1), 1);
+    table_.InnerDeleteReference(64, Text(2), 1);
+  }
+  EXPECT_THAT(peer_.fps(), IsEmpty());
+  Insert(0, 20, Oid(65, 1));
+  EXPECT_THAT(peer_.fps(), ElementsAre(Pair(Text(1), 1)));
+}
+
+TEST_F(ReferencesTest, ACountThatOnlyTheMapKnowsIsLoweredByObject) {
+  Insert(0, 10, Oid(64, 1));
+  table_.InnerDeleteReference(64, Text(1), 1);  // leaves the map, and the index
+  table_.InnerAddReference(64, Text(1), 1);     // comes back into the map alone
+  table_.truncate(0, nullptr);
+  EXPECT_THAT(peer_.fps(), IsEmpty());
+  EXPECT_THAT(peer_.dcids(), IsEmpty());
 }
 
 TEST_F(ReferencesTest, AnEntryWithoutBytesGoesAtTheNextDelete) {
@@ -197,8 +238,13 @@ TEST(ReferenceChangeTest, GivesWhatCountingOneByOneGives) {
       ReferenceChange references(&byDcid, &byFp, &index);
       if (change == 2) {  // by text: nothing is remembered, and the index has to follow
         const unsigned int tag = below(kinds);
-        references.Delete(63 + tag, TextOf(Oid(0, tag).fp), 1);
-        plain.Delete(63 + tag, TextOf(Oid(0, tag).fp), 1);
+        if (below(2) == 0) {
+          references.Add(63 + tag, TextOf(Oid(0, tag).fp), 1);
+          plain.Add(63 + tag, TextOf(Oid(0, tag).fp), 1);
+        } else {
+          references.Delete(63 + tag, TextOf(Oid(0, tag).fp), 1);
+          plain.Delete(63 + tag, TextOf(Oid(0, tag).fp), 1);
+        }
         continue;
       }
       for (unsigned int step = below(40); step > 0; --step) {

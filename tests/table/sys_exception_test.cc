@@ -36,7 +36,24 @@ TEST(SysExceptionTest, ACopyKeepsCodeStackAndMessage) {
   EXPECT_STREQ("errno 5\n", copy.what());
 }
 
-[[gnu::noinline]] SysException ThrownDeepDown() { return SysException(14); }
+TEST(SysExceptionTest, FieldsStandInOrder) {
+  const SysException e(5);
+  const auto offsetIn = [&e](const void* field) {
+    return static_cast<const char*>(field) - reinterpret_cast<const char*>(&e);
+  };
+  EXPECT_EQ(8, offsetIn(&e.code));
+  EXPECT_EQ(16, offsetIn(&e.stack));
+  EXPECT_EQ(48, offsetIn(&e.message));
+}
+
+TEST(SysExceptionTest, TheCommonBaseSaysWhatEveryExceptionSays) {
+  EXPECT_STREQ(std::exception().what(), Exception().what());
+  EXPECT_EQ(sizeof(std::exception), sizeof(Exception));
+}
+
+[[gnu::noinline]] SysException ThrownDeepDown() {
+  return SysException(14);
+}
 
 TEST(SysExceptionTest, TheStackHasALineAFrameAndLeavesItsMakerOut) {
   const std::string stack = ThrownDeepDown().stack;

@@ -111,11 +111,10 @@ TEST_F(InsertTest, AcrossSeveralRemovesAllBetweenAndCutsTheTwoAtItsEnds) {
   AppendRow(10, 100, 100);
   Lines();
   Insert(350, 720, Oid(90), 9);
-  EXPECT_THAT(Lines(),
-              ElementsAre("0 delete extent [300, 400]", "0 delete extent [400, 500]",
-                          "0 delete extent [500, 600]", "0 delete extent [600, 700]",
-                          "0 delete extent [700, 800]", "0 add extent [300, 350, 3]",
-                          "0 add extent [720, 800, 27]", "0 add extent [350, 720, 9]"));
+  EXPECT_THAT(Lines(), ElementsAre("0 delete extent [300, 400]", "0 delete extent [400, 500]",
+                                   "0 delete extent [500, 600]", "0 delete extent [600, 700]",
+                                   "0 delete extent [700, 800]", "0 add extent [300, 350, 3]",
+                                   "0 add extent [720, 800, 27]", "0 add extent [350, 720, 9]"));
   EXPECT_EQ(8, table_.size());
   ExpectSound();
 }

@@ -32,6 +32,7 @@ struct MappingTableTestPeer {
   std::uint64_t& writingNodesCount() { return table.writingNodesCount_; }
   boost::shared_mutex& lock() { return table.tableLock_; }
   void FreeOldNodes() { table.FreeOldNodes(); }
+  void SetSize(std::int64_t size) { table.rsize_ = table.wsize_ = size; }
 
   CMappingTable& table;
 };

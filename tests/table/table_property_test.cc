@@ -4,10 +4,10 @@
 #include <map>
 #include <optional>
 #include <random>
+#include <rapidcheck.h>
 #include <sstream>
 
 #include <gtest/gtest.h>
-#include <rapidcheck.h>
 
 #include "tests/table/table_fixture.h"
 
@@ -57,8 +57,8 @@ void showValue(const Scenario& scenario, std::ostream& out) {
 
 // --- the model -------------------------------------------------------------------------------
 
-/// Of each byte of [0, domain): the extent that holds it, and what the extent says of it. The pieces
-/// that a write leaves of an extent are extents of their own.
+/// Of each byte of [0, domain): the extent that holds it, and what the extent says of it. The
+/// pieces that a write leaves of an extent are extents of their own.
 class ByteModel {
  public:
   struct Byte {
@@ -220,9 +220,8 @@ class TableRun {
         ++element;
       }
       if (extent.first.tag == op.tag) {
-        model_.ChangeExtent(extent.sOff, [&](ByteModel::Byte& byte) {
-          byte.dcid = op.list[element].second;
-        });
+        model_.ChangeExtent(extent.sOff,
+                            [&](ByteModel::Byte& byte) { byte.dcid = op.list[element].second; });
       }
     }
   }
@@ -317,8 +316,8 @@ class TableRun {
 
 rc::Gen<Operation> AnyOperation(long domain) {
   using rc::gen::inRange;
-  const auto length = rc::gen::weightedOneOf<long>({{8, inRange<long>(0, domain / 16 + 2)},
-                                                    {1, inRange<long>(0, domain / 2)}});
+  const auto length = rc::gen::weightedOneOf<long>(
+      {{8, inRange<long>(0, domain / 16 + 2)}, {1, inRange<long>(0, domain / 2)}});
   const auto kind = rc::gen::weightedElement<Operation::Kind>({{14, Operation::kInsert},
                                                                {4, Operation::kAppend},
                                                                {1, Operation::kTruncate},
@@ -328,20 +327,21 @@ rc::Gen<Operation> AnyOperation(long domain) {
   const auto list =
       rc::gen::resize(4, rc::gen::container<std::vector<std::pair<long, std::uint64_t>>>(
                              rc::gen::pair(inRange<long>(0, domain), dcid)));
-  return rc::gen::build<Operation>(
-      rc::gen::set(&Operation::kind, kind), rc::gen::set(&Operation::offset, inRange<long>(0, domain)),
-      rc::gen::set(&Operation::length, length), rc::gen::set(&Operation::dcid, dcid),
-      rc::gen::set(&Operation::tag, inRange<unsigned int>(0, 6)),
-      rc::gen::set(&Operation::list, list));
+  return rc::gen::build<Operation>(rc::gen::set(&Operation::kind, kind),
+                                   rc::gen::set(&Operation::offset, inRange<long>(0, domain)),
+                                   rc::gen::set(&Operation::length, length),
+                                   rc::gen::set(&Operation::dcid, dcid),
+                                   rc::gen::set(&Operation::tag, inRange<unsigned int>(0, 6)),
+                                   rc::gen::set(&Operation::list, list));
 }
 
 rc::Gen<Scenario> AnyScenario() {
   return rc::gen::mapcat(rc::gen::element<long>(64, 256, 1024), [](long domain) {
-    return rc::gen::map(rc::gen::resize(600, rc::gen::container<std::vector<Operation>>(
-                                                 AnyOperation(domain))),
-                        [domain](std::vector<Operation> operations) {
-                          return Scenario{domain, std::move(operations)};
-                        });
+    return rc::gen::map(
+        rc::gen::resize(600, rc::gen::container<std::vector<Operation>>(AnyOperation(domain))),
+        [domain](std::vector<Operation> operations) {
+          return Scenario{domain, std::move(operations)};
+        });
   });
 }
 

@@ -1,4 +1,7 @@
+#include <algorithm>
 #include <atomic>
+#include <cstdio>
+#include <functional>
 #include <random>
 #include <thread>
 #include <vector>
@@ -99,6 +102,104 @@ TEST_F(ThreadsTest, OperationsThatLockForThemselvesRunBesideAWriter) {
   done = true;
   reader.join();
   EXPECT_TRUE(peer_.rroot()->checkNode(true));
+}
+
+/// Runs `operation` in another thread, which has to wait for `lock`: it has not come back while the
+/// lock is held, however long that is, and does so once the lock is free.
+template <typename Lock>
+void ExpectToWaitFor(Lock& lock, const std::function<void()>& operation) {
+  std::atomic<bool> called{false};
+  std::atomic<bool> back{false};
+  std::thread other([&] {
+    called = true;
+    operation();
+    back = true;
+  });
+  while (!called.load()) {
+    std::this_thread::yield();
+  }
+  for (int i = 0; i < 200; ++i) {
+    std::this_thread::yield();
+  }
+  EXPECT_FALSE(back.load());
+  lock.unlock();
+  other.join();
+  EXPECT_TRUE(back.load());
+}
+
+TEST_F(ThreadsTest, EachOperationThatChangesWaitsForAReader) {
+  std::vector<DataCacheNodePointerWithStatus> writing;
+  Ext* const first = table_.begin().operator->();
+  const std::vector<std::function<void()>> writers{
+      [&] { table_.insert(0, 1, nullptr, 0, 0, nullptr, -1, nullptr); },
+      [&] { table_.append(1 << 20, 1 << 21, nullptr, 0, 0, nullptr, nullptr); },
+      [&] { table_.SetObjectID(first, Oid(64)); },
+      [&] {
+        table_.UpdateObjectIdsByRange(0, 0, {{Oid(64), 0, 0}});
+      },
+      [&] { table_.GetWritingNodes(&writing, false); },
+      [&] { table_.truncate(0, nullptr); },
+  };
+  // SetObjectID comes before whatever frees the extent that it is given.
+  for (const std::size_t i : {2UL, 0UL, 1UL, 3UL, 4UL, 5UL}) {
+    CMappingTable::SharedLock reader(peer_.lock());
+    ExpectToWaitFor(reader, writers[i]);
+  }
+  EXPECT_EQ(0, table_.size());
+}
+
+TEST_F(ThreadsTest, EachOperationThatReadsUnderTheLockWaitsForAWriter) {
+  std::vector<std::pair<unsigned long, unsigned long>> dcids;
+  std::vector<FingerprintText> fps;
+  long nodes = 0;
+  long slots = 0;
+  const std::vector<std::function<void()>> readers{
+      [&] { table_.find(0, nullptr); },
+      [&] { table_.GetNewReferencedDCID(&dcids); },
+      [&] { table_.GetReferencedFP(&fps); },
+      [&] { table_.GetDCIDAndFP(&dcids, &fps); },
+      [&] { table_.getTableSize(&nodes, &slots); },
+  };
+  for (const auto& read : readers) {
+    CMappingTable::UniqueLock writer(peer_.lock());
+    ExpectToWaitFor(writer, read);
+  }
+}
+
+/// A stream whose writer finds out whether the table lock is held while it is written to.
+struct LockProbe {
+  static ssize_t Write(void* cookie, const char* /*text*/, std::size_t size) {
+    auto* probe = static_cast<LockProbe*>(cookie);
+    std::thread([probe] {  // another thread: a thread must not try a lock that it holds
+      const bool shared = probe->lock.try_lock_shared();
+      if (shared) {
+        probe->lock.unlock_shared();
+      }
+      probe->heldExclusively = !shared;
+    })
+        .join();
+    ++probe->writes;
+    return static_cast<ssize_t>(size);
+  }
+  boost::shared_mutex& lock;
+  bool heldExclusively = false;
+  int writes = 0;
+};
+
+TEST_F(ThreadsTest, TraceLinesAreWrittenUnderTheExclusiveLock) {
+  LockProbe probe{peer_.lock()};
+  FILE* const trace = fopencookie(&probe, "w", {nullptr, LockProbe::Write, nullptr, nullptr});
+  std::setvbuf(trace, nullptr, _IONBF, 0);
+  table_.insert(8, 9, nullptr, 0, 0, nullptr, -1, trace);
+  EXPECT_TRUE(probe.heldExclusively);
+  probe.heldExclusively = false;
+  table_.append(1 << 20, 1 << 21, nullptr, 0, 0, nullptr, trace);
+  EXPECT_TRUE(probe.heldExclusively);
+  probe.heldExclusively = false;
+  table_.truncate(4, trace);
+  EXPECT_TRUE(probe.heldExclusively);
+  EXPECT_GE(probe.writes, 4);
+  std::fclose(trace);
 }
 
 TEST_F(ThreadsTest, SeveralWritersLeaveOneSoundTable) {

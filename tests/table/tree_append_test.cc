@@ -129,9 +129,8 @@ TEST_F(AppendTest, TheLineGoesToTheLogOrToTheTraceFile) {
 TEST_F(AppendTest, OffsetsPrintUnsigned) {
   LogRecorder log;
   Append(-2, -1, Oid(64), -3);
-  EXPECT_EQ(
-      "append extent [18446744073709551614, 18446744073709551615, 18446744073709551613]",
-      log.Take().at(0).text);
+  EXPECT_EQ("append extent [18446744073709551614, 18446744073709551615, 18446744073709551613]",
+            log.Take().at(0).text);
 }
 
 TEST_F(AppendTest, NodesAreCountedWhileTheyLive) {

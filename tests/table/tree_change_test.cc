@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <new>
+#include <stdexcept>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -54,8 +56,8 @@ class TreeChangeTest : public TableTest {
     return seen;
   }
 
-  /// A table of `leaves` leaves with 2 extents each, [10, 12), [14, 16), [20, 22), [24, 26) ...: there
-  /// is room for a third in each leaf's own range.
+  /// A table of `leaves` leaves with 2 extents each, [10, 12), [14, 16), [20, 22), [24, 26) ...:
+  /// there is room for a third in each leaf's own range.
   void TwoALeaf(int leaves) {
     for (long i = 1; i <= leaves; ++i) {
       Append(i * 10, i * 10 + 2);
@@ -106,16 +108,22 @@ TEST_F(TreeChangeTest, AddingToACleanLeafOfThreeGivesAShadowAndARightSiblingOfTw
 TEST_F(TreeChangeTest, TheParentTakesBothKeysInPlaceIfItIsDirty) {
   TwoALeaf(2);
   Insert(12, 13);
-  Outcome first = Add(5, 6);  // changes the first leaf's range: shadows leaf and root
+  Insert(22, 23);
+  ASSERT_THAT(LeafSizes(), ElementsAre(3, 3));
+  const Outcome first = Add(13, 14);  // splits the first leaf: shadows it and the root
   ASSERT_EQ(1, first.result);
-  CMapNode* const root = first.out.back();
+  auto* const root = dynamic_cast<CKeyNode*>(first.out.back());
   peer_.wroot() = root;
-  const Outcome second = Add(22, 24);
+  ASSERT_EQ(3U, root->keys.size());
+  const std::size_t dirty = peer_.dirtyNodes().size();
+  const Outcome second = Add(23, 24);  // splits the other one
   EXPECT_EQ(0, second.result);
   EXPECT_THAT(second.out, IsEmpty()) << "the dirty root stands where it stood";
+  EXPECT_EQ(4U, root->keys.size()) << "and has taken both keys";
+  EXPECT_EQ(dirty + 2, peer_.dirtyNodes().size()) << "a shadow and a sibling, both leaves";
   Commit();
   EXPECT_EQ(root, peer_.rroot());
-  EXPECT_EQ(7U, ReaderView().size());
+  EXPECT_THAT(LeafSizes(), ElementsAre(2, 2, 2, 2));
   EXPECT_TRUE(peer_.rroot()->checkNode(true));
 }
 
@@ -296,6 +304,95 @@ TEST_F(TreeChangeTest, KeyNodesBorrowAndMergeToo) {
   }
 }
 
+TEST_F(TreeChangeTest, KeyNodesAtTheEndBorrowFromAndMergeWithTheirLeftSibling) {
+  AppendRow(200, 10, 5);
+  std::size_t left = 200;
+  for (long i = 200; i >= 1; --i) {
+    const Outcome outcome = Delete(i * 10, i * 10 + 5);
+    if (!outcome.out.empty()) {
+      peer_.wroot() = outcome.out.front();
+    }
+    Commit();
+    ASSERT_EQ(--left, ReaderView().size());
+    ASSERT_TRUE(peer_.rroot()->checkNode(true)) << i;
+    ASSERT_EQ(ReaderView(), Forward(table_)) << i;
+    if (peer_.rroot()->getItemNum() == 2) {
+      break;  // a root of one key is the driver's part
+    }
+  }
+  EXPECT_LT(left, 190U);
+}
+
+TEST_F(TreeChangeTest, DeletingAtTheEdgeOfEveryLevelReachesTheRootAndInsideItDoesNot) {
+  AppendRow(60, 10, 5);  // three levels
+  CKeyNode& oldRoot = Root();
+  ASSERT_TRUE(oldRoot.keys[1].rnode->isKeyNode());
+  const long first = oldRoot.keys[1].sOff;
+  Insert(first + 5, first + 6);  // three in that leaf: no repair
+  CKeyNode& root = Root();
+  const Outcome outcome = Delete(first, first + 5);
+  ASSERT_EQ(1U, outcome.out.size()) << "each level's range changed: a new root";
+  EXPECT_NE(&root, outcome.out[0]);
+  EXPECT_EQ(first + 5, static_cast<CKeyNode*>(outcome.out[0])->keys[1].sOff);
+  peer_.wroot() = outcome.out[0];
+  Commit();
+  EXPECT_TRUE(Root().checkNode(true));
+
+  CKeyNode& before = Root();
+  auto* const second = static_cast<CKeyNode*>(before.keys[1].rnode);
+  const long inner = second->keys[2].sOff;
+  Insert(inner + 5, inner + 6);
+  ASSERT_EQ(&before, &Root());
+  EXPECT_THAT(Delete(inner, inner + 5).out, IsEmpty()) << "the range of its parent stood";
+  Commit();
+  EXPECT_EQ(&before, &Root());
+  EXPECT_TRUE(Root().checkNode(true));
+}
+
+TEST_F(TreeChangeTest, ASiblingThatIsDirtyAlreadyIsNotShadowedAgain) {
+  TwoALeaf(3);
+  Insert(22, 23);
+  const Outcome first = Delete(22, 23);  // leaves a shadow of the second leaf behind
+  ASSERT_THAT(first.out, IsEmpty());
+  const std::size_t old = peer_.oldNodes().size();
+  const Outcome second = Delete(10, 12);  // merges with it
+  peer_.wroot() = second.out.at(0);
+  // The first leaf and the root got a shadow each; the dirty sibling was emptied, and goes as it
+  // is.
+  EXPECT_EQ(old + 3, peer_.oldNodes().size());
+  EXPECT_EQ(3U, peer_.dirtyNodes().size());
+  Commit();
+  EXPECT_THAT(LeafSizes(), ElementsAre(3, 2));
+  EXPECT_TRUE(Root().checkNode(true));
+}
+
+TEST_F(TreeChangeTest, ADirtyKeyNodeTakesAChangedRangeInPlace) {
+  CExtNode child(true);
+  child.extents = {Ext::Probe(10, 20), Ext::Probe(20, 30)};
+  std::vector<CMapNode*> children{&child};
+  CKeyNode node(&children, true);
+  std::vector<CMapNode*> out;
+  EXPECT_EQ(0, node.addExt(&table_, Ext::Probe(5, 8), &out));
+  EXPECT_EQ(5, node.keys[0].sOff);
+  EXPECT_EQ(0, node.deleteExt(&table_, 20, 30, &out));
+  EXPECT_EQ(20, node.keys[0].eOff);
+  EXPECT_THAT(out, IsEmpty());
+  EXPECT_THAT(peer_.dirtyNodes(), IsEmpty());
+}
+
+TEST_F(TreeChangeTest, WhatAChildReportsGoesBehindWhatTheVectorHolds) {
+  TwoALeaf(2);
+  CExtNode other(true);
+  std::vector<CMapNode*> out{&other};
+  const ObjectID oid = Oid(64);
+  EXPECT_EQ(1, peer_.wroot()->addExt(&table_, Ext(5, 6, &oid, 0, 0, nullptr), &out));
+  ASSERT_EQ(2U, out.size());
+  EXPECT_EQ(&other, out[0]);
+  peer_.wroot() = out[1];
+  Commit();
+  EXPECT_TRUE(Root().checkNode(true));
+}
+
 TEST_F(TreeChangeTest, WithoutASiblingTheUnderflowStaysAndIsReportedToNobody) {
   // A key node with one key comes about by no operation: it is built by hand.
   auto* leaf = new CExtNode(true);
@@ -438,6 +535,13 @@ struct LeafWithoutShadow : CExtNode {
   CMapNode* shadow(CMappingTable*) override { return nullptr; }
 };
 
+/// A leaf whose shadow is of the wrong kind.
+struct LeafWithKeyNodeAsShadow : CExtNode {
+  using CExtNode::CExtNode;
+  CMapNode* shadow(CMappingTable*) override { return &node; }
+  CKeyNode node{true};
+};
+
 struct KeyNodeWithoutShadow : CKeyNode {
   using CKeyNode::CKeyNode;
   CMapNode* shadow(CMappingTable*) override { return nullptr; }
@@ -481,6 +585,105 @@ TEST_F(FailedShadowTest, OfALeafThrowsFourteen) {
   EXPECT_EQ(14, AddTo(leaf, 20, 30));
   EXPECT_EQ(14, DeleteFrom(leaf, 0, 10));
   EXPECT_EQ(2, leaf.getItemNum());
+  LeafWithKeyNodeAsShadow wrong(false);
+  wrong.extents = leaf.extents;
+  EXPECT_EQ(14, AddTo(wrong, 20, 30));
+  EXPECT_EQ(14, DeleteFrom(wrong, 0, 10));
+}
+
+TEST_F(FailedShadowTest, OfAKeyNodeWhoseChildWasReplacedThrowsFourteen) {
+  CExtNode child(false);
+  child.extents = {Ext::Probe(0, 10), Ext::Probe(10, 20), Ext::Probe(20, 30)};
+  std::vector<CMapNode*> children{&child};
+  KeyNodeWithoutShadow node(&children, false);
+  EXPECT_EQ(14, DeleteFrom(node, 0, 10)) << "by one with another range";
+  KeyNodeWithLeafAsShadow wrong(&children, false);
+  EXPECT_EQ(14, AddTo(wrong, 30, 40)) << "a shadow of the wrong kind";
+  for (CMapNode* made : peer_.dirtyNodes()) {
+    delete made;
+  }
+  peer_.dirtyNodes().clear();
+  peer_.oldNodes().clear();
+}
+
+TEST_F(FailedShadowTest, AKeyNodeWithoutKeysAsRootIsOutOfRange) {
+  struct Emptied : CKeyNode {
+    using CKeyNode::CKeyNode;
+    int getItemNum() override { return 1; }
+    int deleteExt(CMappingTable*, long, long, std::vector<CMapNode*>*) override { return 0; }
+    long getEndOffset() override { return 100; }
+    CMapNode* lower_bound(long, int* index) override {
+      *index = 0;
+      return &leaf;
+    }
+    CExtNode leaf{false};
+  };
+  auto* root = new Emptied(false);
+  root->leaf.extents = {Ext::Probe(0, 100)};
+  delete peer_.rroot();
+  peer_.rroot() = peer_.wroot() = root;
+  peer_.SetSize(1);
+  try {
+    table_.truncate(0, nullptr);
+    FAIL() << "the access to the first key is tested";
+  } catch (const std::out_of_range& e) {
+    EXPECT_NE(std::string::npos, std::string(e.what()).find("vector::_M_range_check"));
+  }
+  EXPECT_TRUE(peer_.lock().try_lock());
+  peer_.lock().unlock();
+}
+
+TEST_F(FailedShadowTest, RunningOutOfMemoryPassesThroughAndReleasesTheLock) {
+  struct OutOfMemory : CExtNode {
+    using CExtNode::CExtNode;
+    int addExt(CMappingTable*, const Ext&, std::vector<CMapNode*>*) override {
+      throw std::bad_alloc();
+    }
+    int appendExt(CMappingTable*, const Ext&, std::vector<CMapNode*>*) override {
+      throw std::bad_alloc();
+    }
+    int deleteExt(CMappingTable*, long, long, std::vector<CMapNode*>*) override {
+      throw std::bad_alloc();
+    }
+  };
+  auto* root = new OutOfMemory(false);
+  root->extents = {Ext::Probe(0, 100)};
+  delete peer_.rroot();
+  peer_.rroot() = peer_.wroot() = root;
+  peer_.SetSize(1);
+  const auto lockIsFree = [this] {
+    const bool free = peer_.lock().try_lock();
+    if (free) {
+      peer_.lock().unlock();
+    }
+    return free;
+  };
+  EXPECT_THROW(table_.append(100, 110, nullptr, 0, 0, nullptr, nullptr), std::bad_alloc);
+  EXPECT_TRUE(lockIsFree());
+  EXPECT_THROW(table_.insert(200, 210, nullptr, 0, 0, nullptr, -1, nullptr), std::bad_alloc);
+  EXPECT_TRUE(lockIsFree());
+  EXPECT_THROW(table_.truncate(50, nullptr), std::bad_alloc);
+  EXPECT_TRUE(lockIsFree());
+  EXPECT_EQ(1, table_.size());
+}
+
+TEST_F(FailedShadowTest, OnTheWayOutOfATableTheLockIsReleased) {
+  auto* leaf = new LeafWithoutShadow(false);
+  leaf->extents = {Ext::Probe(0, 10), Ext::Probe(10, 20)};
+  delete peer_.rroot();
+  peer_.rroot() = leaf;
+  peer_.wroot() = leaf;
+  EXPECT_EQ(14, CodeOf([&] { table_.insert(5, 15, nullptr, 0, 0, nullptr, -1, nullptr); }));
+  ASSERT_TRUE(peer_.lock().try_lock());
+  peer_.lock().unlock();
+  peer_.SetSize(2);  // so that the table looks at all
+  EXPECT_EQ(14, CodeOf([&] { table_.insert(5, 15, nullptr, 0, 0, nullptr, -1, nullptr); }));
+  ASSERT_TRUE(peer_.lock().try_lock());
+  peer_.lock().unlock();
+  EXPECT_EQ(14, CodeOf([&] { table_.truncate(5, nullptr); }));
+  ASSERT_TRUE(peer_.lock().try_lock());
+  peer_.lock().unlock();
+  EXPECT_EQ(2, table_.size());
 }
 
 TEST_F(FailedShadowTest, OfAKeyNodeWhoseChildChangedItsRangeThrowsFourteen) {

@@ -84,7 +84,9 @@ class KeyCheckTest : public CheckTest {
   CKeyNode node_{false};
 };
 
-TEST_F(KeyCheckTest, ASoundNode) { EXPECT_TRUE(node_.checkNode(false)); }
+TEST_F(KeyCheckTest, ASoundNode) {
+  EXPECT_TRUE(node_.checkNode(false));
+}
 
 TEST_F(KeyCheckTest, ADirtyNodeFailsUntilItIsCommitted) {
   node_.dirty = true;
@@ -103,13 +105,11 @@ TEST_F(KeyCheckTest, TooFewAndTooManyKeys) {
 
 TEST_F(KeyCheckTest, AKeyThatDiffersFromItsChild) {
   node_.keys[1].eOff = 41;
-  EXPECT_EQ(
-      "At node [0, 100], key [20, 41] has different range with it's point [20, 40] \n",
-      FindingOf(node_, false));
+  EXPECT_EQ("At node [0, 100], key [20, 41] has different range with it's point [20, 40] \n",
+            FindingOf(node_, false));
   node_.keys[1] = Key{21, 40, leaves_[1].get(), leaves_[1].get()};
-  EXPECT_EQ(
-      "At node [0, 100], key [21, 40] has different range with it's point [20, 40] \n",
-      FindingOf(node_, false));
+  EXPECT_EQ("At node [0, 100], key [21, 40] has different range with it's point [20, 40] \n",
+            FindingOf(node_, false));
 }
 
 TEST_F(KeyCheckTest, TwoViewsThatDiffer) {
@@ -212,6 +212,16 @@ TEST_F(SizeTest, AfterFourAppendsTheRootHasGrownByTwoSingleInserts) {
 TEST_F(SizeTest, TakesTheLockShared) {
   const CMappingTable::SharedLock reader(peer_.lock());
   EXPECT_EQ(512, Measure().bytes);
+}
+
+TEST_F(SizeTest, TheTreeIsMeasuredInTheReadersViewAlone) {
+  AppendRow(4);
+  CExtNode writer(true);
+  writer.extents.reserve(100);
+  CMapNode* const kept = Root().keys[0].wnode;
+  Root().keys[0].wnode = &writer;
+  EXPECT_EQ(1128, Measure().bytes);
+  Root().keys[0].wnode = kept;
 }
 
 TEST_F(SizeTest, GetSizeAddsBothViewsToItsCounters) {

@@ -1,0 +1,16 @@
+#include <benchmark/benchmark.h>
+
+#include "bench/registry.h"
+#include "refhost/host/log.h"
+
+int main(int argc, char** argv) {
+  zefs::refhost::SetLogLevel(zefs::kLogFailure);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+    return 2;
+  }
+  zefs_bench::RegisterMaps();
+  zefs_bench::RegisterFloors();
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+}

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstddef>
+#include <ctime>
+#include <string>
+
+#include <benchmark/benchmark.h>
+
+namespace zefs_bench {
+
+/// Register the benchmarks. Names are "workload/counting/operation/size/map", "floor/…" for the
+/// bounds.
+void RegisterMaps();
+void RegisterFloors();
+
+/// CPU time of this thread, seconds.
+inline double CpuSeconds() {
+  timespec now{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+/// Runs `work` once and takes the CPU time that it took as that of the iteration: nothing here
+/// waits, and the clock on the wall also counts what other programs get of a shared processor.
+template <typename Work>
+void Time(benchmark::State& state, Work work) {
+  const double begin = CpuSeconds();
+  work();
+  state.SetIterationTime(CpuSeconds() - begin);
+}
+
+/// Registers `run`, which times itself with Time, for a fixed number of iterations: what an
+/// iteration needs is often far more than what it times.
+template <typename Run>
+void Register(const std::string& name, std::size_t iterations, Run run) {
+  benchmark::RegisterBenchmark(name.c_str(), run)
+      ->UseManualTime()
+      ->Iterations(static_cast<benchmark::IterationCount>(iterations))
+      ->Unit(benchmark::kMillisecond);
+}
+
+}  // namespace zefs_bench

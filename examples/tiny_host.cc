@@ -1,0 +1,48 @@
+// The least that an executable has to supply to load the library with tables in memory: a silent
+// log, the choice of the table, fingerprints as text and back, and CPU accounting that is switched
+// off.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "host/auto_log_cpu.h"
+#include "host/config.h"
+#include "host/fingerprint.h"
+#include "host/zefs_log.h"
+
+using Aldenta::Qnd::Tarvenda::Utils::AutoLogCpu;
+
+void ZEFS_LOG(int /*level*/, const char* /*format*/, ...) {}
+
+ZefsConfig& ZefsConfig::GetInstance() {
+  static ZefsConfig config;  // useLmdbTable stays 0: tables in memory
+  return config;
+}
+
+int CRFPDigestToString_r(const unsigned char* digest, int kind, char* buffer, unsigned long size) {
+  if (kind != kCrfpDigestKind || size < FingerprintText{}.size()) {
+    return -1;
+  }
+  for (std::size_t i = 0; i < crfp_digest_t{}.size(); ++i) {
+    std::snprintf(buffer + 2 * i, 3, "%02x", digest[i]);
+  }
+  return 0;
+}
+
+int CRFPStringToDigest_r(const char* text, int kind, unsigned char* digest) {
+  if (kind != kCrfpDigestKind || std::strlen(text) != FingerprintText{}.size() - 1 ||
+      std::strspn(text, "0123456789abcdef") != std::strlen(text)) {
+    return -1;
+  }
+  for (std::size_t i = 0; i < crfp_digest_t{}.size(); ++i) {
+    const char digits[] = {text[2 * i], text[2 * i + 1], '\0'};
+    digest[i] = static_cast<unsigned char>(std::strtoul(digits, nullptr, 16));
+  }
+  return 0;
+}
+
+bool AutoLogCpu::enabled_ = false;
+bool AutoLogCpu::initialized_ = false;
+boost::shared_mutex AutoLogCpu::rwMutex_;
+void AutoLogCpu::start(Aldenta::Qnd::Tarvenda::Utils::thread_stats_t* /*counters*/) {}
+void AutoLogCpu::end(Aldenta::Qnd::Tarvenda::Utils::thread_stats_t* /*counters*/) {}

@@ -1,0 +1,192 @@
+#include "refhost/store/checker.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "refhost/store/change_plan.h"
+#include "refhost/store/no_data_cache.h"
+#include "refhost/store/plain_copies.h"
+#include "refhost/store/store_error.h"
+#include "refhost/store/verifier.h"
+#include "refhost/store/work_dir.h"
+
+namespace zefs::refhost {
+
+namespace {
+
+/// Spreads file numbers over the seeds, so that neighbours are changed differently.
+constexpr std::uint64_t kSeedStep = 0x9e3779b97f4a7c15;
+
+/// A source file, open and known to be regular still.
+FileHandle OpenSource(const std::string& path) {
+  FileHandle source = FileHandle::Open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+  if (!source.IsRegular()) {
+    throw StoreError("not a regular file any more", 0);
+  }
+  return source;
+}
+
+class Check {
+ public:
+  Check(const CheckOptions& options, const CheckProgress& progress)
+      : options_(options),
+        segmenter_(options.segmentSize),
+        progress_(progress),
+        workDir_(options.storeDirectory, options.keep),
+        containers_(workDir_.containers(), options.containerBytes),
+        objects_(&containers_, &index_),
+        store_(segmenter_, &objects_, &noCache_),
+        copies_(workDir_.copies()),
+        block_(new char[kCheckBlockBytes]) {}
+
+  CheckResult Run(CollectedFiles collected, const BeforeVerify& beforeVerify) {
+    result_.skipped = std::move(collected.skipped);
+    result_.notRegular = collected.notRegular;
+    result_.storePath = workDir_.path();
+    const bool equal = StoreAll(collected) && ChangeAll();
+    if (equal) {
+      if (beforeVerify) {
+        beforeVerify(&store_);
+      }
+      Verifier(&store_, &copies_, progress_, &result_).Run(files_);
+    }
+    result_.writtenBytes = objects_.putBytes();
+    result_.storedBytes = objects_.storedBytes();
+    result_.containersWritten = containers_.containers();
+    return std::move(result_);
+  }
+
+ private:
+  void Tell(std::string_view phase, std::uint64_t done, std::uint64_t total) const {
+    if (progress_) {
+      progress_(phase, done, total);
+    }
+  }
+
+  bool StoreAll(const CollectedFiles& collected) {
+    std::uint64_t done = 0;
+    for (const std::string& path : collected.files) {
+      if (!StoreOne(path, &done, collected.bytes)) {
+        return false;
+      }
+    }
+    if (files_.empty()) {
+      throw StoreError("no readable file among the " + std::to_string(collected.files.size()) +
+                           " found, " + std::to_string(result_.skipped.size()) + " skipped",
+                       0);
+    }
+    Tell("store", collected.bytes, collected.bytes);
+    result_.files = files_.size();
+    result_.storedSourceBytes = objects_.storedBytes();
+    return true;
+  }
+
+  bool StoreOne(const std::string& path, std::uint64_t* done, std::uint64_t total) {
+    std::optional<FileHandle> source;
+    std::int64_t size = 0;
+    try {
+      source.emplace(OpenSource(path));
+      size = source->Size();
+    } catch (const StoreError& error) {
+      result_.skipped.push_back({path, error.code == 0 ? error.what() : ReasonOf(error.code)});
+      return true;
+    }
+    return CopyIn(path, *source, size, done, total);
+  }
+
+  /// Takes at most `size` bytes, so that a file that grows has an end.
+  bool CopyIn(const std::string& path, const FileHandle& source, std::int64_t size,
+              std::uint64_t* done, std::uint64_t total) {
+    const FileStore::FileId id = store_.Create();
+    PlainCopies::Copy copy = copies_.Begin(LargestSize(size, segmenter_.segmentSize()));
+    for (std::int64_t at = 0; at < size;) {
+      const std::size_t wanted = std::min(kCheckBlockBytes, static_cast<std::size_t>(size - at));
+      std::size_t got = 0;
+      try {
+        got = source.ReadAt(at, block_.get(), wanted);
+      } catch (const StoreError& error) {
+        result_.skipped.push_back({path, ReasonOf(error.code)});
+        store_.Remove(id);
+        return true;
+      }
+      const std::string_view bytes(block_.get(), got);
+      copies_.Write(at, bytes, &copy);
+      const auto write = [&] { store_.Write(id, at, bytes); };
+      result_.difference = Attempt(path, at, [&] { Timed(&result_.store, got, write); });
+      if (result_.difference.has_value()) {
+        return false;
+      }
+      at += static_cast<std::int64_t>(got);
+      *done += got;
+      Tell("store", std::min(*done, total), total);
+      if (got < wanted) {
+        break;
+      }
+    }
+    result_.sourceBytes += static_cast<std::uint64_t>(store_.SizeOf(id));
+    files_.push_back({id, path, copy});
+    return true;
+  }
+
+  bool ChangeAll() {
+    for (CopiedFile& file : files_) {
+      if (!ChangeOne(file)) {
+        return false;
+      }
+      Tell("change", ++changed_, files_.size());
+    }
+    return true;
+  }
+
+  bool ChangeOne(CopiedFile& file) {
+    const std::uint64_t seed = options_.seed + kSeedStep * (file.id + 1);
+    for (const Change& change :
+         PlanChanges(store_.SizeOf(file.id), segmenter_.segmentSize(), seed)) {
+      copies_.Apply(change, &file.copy);
+      result_.difference = Attempt(file.path, change.offset, [&] {
+        Timed(&result_.change, change.bytes.size(), [&] { ApplyToStore(change, file.id); });
+      });
+      if (result_.difference.has_value()) {
+        return false;
+      }
+    }
+    result_.logicalBytes += static_cast<std::uint64_t>(store_.SizeOf(file.id));
+    return true;
+  }
+
+  void ApplyToStore(const Change& change, FileStore::FileId id) {
+    if (change.kind == Change::Kind::kWrite) {
+      store_.Write(id, change.offset, change.bytes);
+    } else {
+      store_.Truncate(id, change.offset);
+    }
+  }
+
+  const CheckOptions& options_;
+  const Segmenter segmenter_;
+  const CheckProgress& progress_;
+  const WorkDir workDir_;
+  ContainerStore containers_;
+  DedupIndex index_;
+  ObjectStore objects_;
+  NoDataCache noCache_;
+  FileStore store_;
+  PlainCopies copies_;
+  std::unique_ptr<char[]> block_;
+  std::vector<CopiedFile> files_;
+  std::uint64_t changed_ = 0;
+  CheckResult result_;
+};
+
+}  // namespace
+
+CheckResult RunCheck(const CheckOptions& options, const CheckProgress& progress,
+                     const BeforeVerify& beforeVerify) {
+  CollectedFiles collected = CollectFiles(options.paths);
+  return Check(options, progress).Run(std::move(collected), beforeVerify);
+}
+
+}  // namespace zefs::refhost

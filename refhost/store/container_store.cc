@@ -1,0 +1,107 @@
+#include "refhost/store/container_store.h"
+
+#include <algorithm>
+#include <charconv>
+#include <fcntl.h>
+#include <filesystem>
+#include <limits>
+#include <stdexcept>
+#include <utility>
+
+#include "refhost/store/store_error.h"
+#include "table/extent.h"
+
+namespace zefs::refhost {
+
+namespace {
+
+using Aldenta::Qnd::Morene::Zefs::kFirstDcid;
+
+/// Open containers kept for reading. Reads go mostly to the few containers of one file.
+constexpr std::size_t kOpenForReading = 64;
+
+/// The id behind the highest one in `directory`; names that are no ids are left alone.
+std::uint64_t FirstFreeDcid(const std::string& directory) {
+  std::uint64_t next = kFirstDcid;
+  std::error_code error;
+  std::filesystem::directory_iterator entry(directory, error);
+  for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+    const std::string name = entry->path().filename().string();
+    std::uint64_t dcid = 0;
+    const auto [end, problem] = std::from_chars(name.data(), name.data() + name.size(), dcid);
+    if (problem == std::errc() && end == name.data() + name.size()) {
+      next = std::max(next, dcid + 1);
+    }
+  }
+  if (error) {
+    throw SystemError("list", directory, error.value());
+  }
+  return next;
+}
+
+}  // namespace
+
+ContainerStore::ContainerStore(std::string directory, std::uint32_t containerBytes)
+    : directory_(std::move(directory)),
+      containerBytes_(containerBytes),
+      nextDcid_(FirstFreeDcid(directory_)) {
+  // A container offset is signed where the table keeps it.
+  if (containerBytes == 0 || containerBytes > std::numeric_limits<std::int32_t>::max()) {
+    throw std::invalid_argument("container size " + std::to_string(containerBytes) +
+                                " is not from 1 to 2147483647");
+  }
+}
+
+std::string ContainerStore::PathOf(std::uint64_t dcid) const {
+  return directory_ + "/" + std::to_string(dcid);
+}
+
+ContainerStore::OpenContainer& ContainerStore::WritableFor(std::size_t bytes) {
+  const bool full = size_ != 0 && bytes > containerBytes_ - std::min(size_, containerBytes_);
+  if (!writing_.has_value() || full) {
+    FileHandle file = FileHandle::Open(PathOf(nextDcid_), O_RDWR | O_CREAT | O_EXCL);
+    writing_.reset();
+    writing_.emplace(OpenContainer{nextDcid_, std::move(file)});
+    ++nextDcid_;
+    ++containers_;
+    size_ = 0;
+  }
+  return *writing_;
+}
+
+Location ContainerStore::Append(std::string_view bytes) {
+  OpenContainer& container = WritableFor(bytes.size());
+  container.file.WriteAt(size_, bytes);  // what a failed append left behind is written over
+  const Location where{container.dcid, size_, static_cast<std::uint32_t>(bytes.size())};
+  size_ += where.length;
+  storedBytes_ += where.length;
+  return where;
+}
+
+const FileHandle& ContainerStore::Readable(std::uint64_t dcid) const {
+  if (writing_.has_value() && writing_->dcid == dcid) {
+    return writing_->file;
+  }
+  const auto open = std::find_if(reading_.begin(), reading_.end(),
+                                 [dcid](const OpenContainer& one) { return one.dcid == dcid; });
+  if (open != reading_.end()) {
+    return open->file;
+  }
+  reading_.push_front({dcid, FileHandle::Open(PathOf(dcid), O_RDONLY)});
+  if (reading_.size() > kOpenForReading) {
+    reading_.pop_back();
+  }
+  return reading_.front().file;
+}
+
+void ContainerStore::Read(const Location& where, std::uint32_t from, std::uint32_t size,
+                          char* out) const {
+  const FileHandle& file = Readable(where.dcid);
+  const std::int64_t offset = static_cast<std::int64_t>(where.offset) + from;
+  if (file.ReadAt(offset, out, size) != size) {
+    throw DamageError("container " + file.path() + " ends before offset " +
+                      std::to_string(offset + size));
+  }
+}
+
+}  // namespace zefs::refhost

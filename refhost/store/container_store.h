@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "refhost/store/file_handle.h"
+
+namespace zefs::refhost {
+
+/// Where an object lies: `length` bytes at `offset` in the container `dcid`.
+struct Location {
+  std::uint64_t dcid;
+  std::uint32_t offset;
+  std::uint32_t length;
+};
+
+inline constexpr std::uint32_t kDefaultContainerBytes = 16 * 1024 * 1024;
+
+/// Append-only container files, named by their id, in one directory. Objects are never changed or
+/// removed; a container that is full is closed for good and the next one gets the next id. Failures
+/// are StoreErrors; a failed append leaves what was stored before as it was and may be tried again.
+/// Not synchronised.
+class ContainerStore {
+ public:
+  /// Keeps containers in `directory`, which exists. Ids go on behind the highest one found there,
+  /// and start at the first id that may name a container. `containerBytes`, 1 to INT32_MAX, is the
+  /// size that a container does not grow beyond; one object that is larger gets a container of its
+  /// own.
+  explicit ContainerStore(std::string directory,
+                          std::uint32_t containerBytes = kDefaultContainerBytes);
+
+  /// Stores `bytes`, not empty and below 4 GiB, and tells where.
+  Location Append(std::string_view bytes);
+
+  /// Reads [from, from + size) of the object at `where` into `out`. The range lies inside the
+  /// object. Throws DamageError if the container is shorter than that.
+  void Read(const Location& where, std::uint32_t from, std::uint32_t size, char* out) const;
+
+  std::uint64_t containers() const { return containers_; }    ///< made by this object
+  std::uint64_t storedBytes() const { return storedBytes_; }  ///< appended by this object
+
+ private:
+  struct OpenContainer {
+    std::uint64_t dcid;
+    FileHandle file;
+  };
+
+  std::string PathOf(std::uint64_t dcid) const;
+  OpenContainer& WritableFor(std::size_t bytes);
+  const FileHandle& Readable(std::uint64_t dcid) const;
+
+  std::string directory_;
+  std::uint32_t containerBytes_;
+  std::uint64_t nextDcid_;
+  std::uint32_t size_ = 0;  // bytes of the container that is written
+  std::uint64_t containers_ = 0;
+  std::uint64_t storedBytes_ = 0;
+  std::optional<OpenContainer> writing_;
+  mutable std::deque<OpenContainer> reading_;  // a few, the one opened last in front
+};
+
+}  // namespace zefs::refhost

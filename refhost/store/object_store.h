@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "host/data_cache.h"
+#include "refhost/store/container_store.h"
+#include "refhost/store/dedup_index.h"
+
+namespace zefs::refhost {
+
+/// Pieces of data by what they contain: each is fingerprinted, and stored only if no equal one is.
+/// Not synchronised.
+class ObjectStore {
+ public:
+  struct Stored {
+    DataCacheNode::ObjectID objectID;
+    std::int32_t dcOffset;  ///< offset of the object inside its container
+  };
+
+  /// Neither is owned; both outlive this object.
+  ObjectStore(ContainerStore* containers, DedupIndex* index)
+      : containers_(*containers), index_(*index) {}
+
+  /// Stores `bytes`, not empty, at most kMaxSegmentSize. Throws StoreError.
+  Stored Put(std::string_view bytes);
+
+  /// Reads [objOff, objOff + size) of an object into `out`. The object is found by its fingerprint.
+  /// Throws DamageError if there is none in the container that `id` names, or if it is shorter, and
+  /// StoreError if its container cannot be read.
+  void Read(const DataCacheNode::ObjectID& id, std::int64_t objOff, std::uint32_t size,
+            char* out) const;
+
+  std::uint64_t putBytes() const { return putBytes_; }  ///< given to Put, duplicates included
+  std::uint64_t storedBytes() const { return containers_.storedBytes(); }
+
+ private:
+  ContainerStore& containers_;
+  DedupIndex& index_;
+  std::uint64_t putBytes_ = 0;
+};
+
+}  // namespace zefs::refhost

@@ -1,0 +1,123 @@
+#include "refhost/store/recount.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "table/extent.h"
+#include "table/fingerprint.h"
+
+namespace zefs::refhost {
+
+namespace {
+
+using Aldenta::Qnd::Morene::Zefs::kFirstDcid;
+using Aldenta::Qnd::Morene::Zefs::TextOf;
+using DcidList = std::vector<std::pair<unsigned long, unsigned long>>;
+using FingerprintList = std::vector<FingerprintText>;
+
+std::string BytesOf(std::uint64_t dcid, std::uint64_t bytes) {
+  return std::to_string(bytes) + " bytes of container " + std::to_string(dcid);
+}
+
+/// The recount as the table would list it.
+DcidList ListOfDcids(const ReferenceCounts& counts) {
+  return DcidList(counts.bytesByDcid.begin(), counts.bytesByDcid.end());
+}
+FingerprintList ListOfFingerprints(const ReferenceCounts& counts) {
+  FingerprintList list;
+  list.reserve(counts.extentsByFingerprint.size());
+  for (const auto& [text, extents] : counts.extentsByFingerprint) {
+    list.push_back(text);
+  }
+  return list;
+}
+
+std::string Difference(const DcidList& told, const DcidList& counted) {
+  const auto [a, b] = std::mismatch(told.begin(), told.end(), counted.begin(), counted.end());
+  if (a == told.end() && b == counted.end()) {
+    return {};
+  }
+  return "the table references " + (a == told.end() ? "no more" : BytesOf(a->first, a->second)) +
+         ", a recount gives " + (b == counted.end() ? "no more" : BytesOf(b->first, b->second));
+}
+
+std::string Difference(const FingerprintList& told, const FingerprintList& counted) {
+  const auto [a, b] = std::mismatch(told.begin(), told.end(), counted.begin(), counted.end());
+  if (a == told.end() && b == counted.end()) {
+    return {};
+  }
+  const std::string none = "no more fingerprints";
+  return "the table references " + (a == told.end() ? none : a->data()) + ", a recount gives " +
+         (b == counted.end() ? none : b->data());
+}
+
+std::string ReferencesDifference(MappingTable& table, const ReferenceCounts& counts) {
+  const DcidList countedDcids = ListOfDcids(counts);
+  const FingerprintList countedFps = ListOfFingerprints(counts);
+  DcidList dcids;
+  table.GetNewReferencedDCID(&dcids);
+  FingerprintList fps;
+  table.GetReferencedFP(&fps);
+  DcidList bothDcids;
+  FingerprintList bothFps;
+  table.GetDCIDAndFP(&bothDcids, &bothFps);
+  for (const std::string& difference :
+       {Difference(dcids, countedDcids), Difference(fps, countedFps),
+        Difference(bothDcids, countedDcids), Difference(bothFps, countedFps)}) {
+    if (!difference.empty()) {
+      return difference;
+    }
+  }
+  return {};
+}
+
+std::string ShapeDifference(MappingTable& table, std::int64_t fileSize, std::uint64_t extents) {
+  if (static_cast<std::uint64_t>(table.size()) != extents) {
+    return "the table says it has " + std::to_string(table.size()) + " extents, a walk finds " +
+           std::to_string(extents);
+  }
+  std::int64_t lastEnd = 0;
+  const auto behind = table.end();
+  for (auto it = table.begin(); it != behind; ++it) {
+    if (it->getSOff() < lastEnd || it->getEOff() <= it->getSOff() || it->getEOff() > fileSize) {
+      return "extent [" + std::to_string(it->getSOff()) + ", " + std::to_string(it->getEOff()) +
+             ") lies wrong: the one before ends at " + std::to_string(lastEnd) + ", the file at " +
+             std::to_string(fileSize);
+    }
+    lastEnd = it->getEOff();
+  }
+  return {};
+}
+
+}  // namespace
+
+void CountExtents(MappingTable& table, ReferenceCounts* counts) {
+  const auto behind = table.end();
+  for (auto it = table.begin(); it != behind; ++it) {
+    ++counts->extents;
+    const auto objectID = it->getObjectID();
+    if (objectID.dcid < kFirstDcid) {
+      continue;  // names no container: such extents are not counted
+    }
+    counts->bytesByDcid[objectID.dcid] += static_cast<std::uint64_t>(it->getEOff() - it->getSOff());
+    ++counts->extentsByFingerprint[TextOf(objectID.fp)];
+  }
+}
+
+std::string ReferenceDifference(MappingTable& table, std::int64_t fileSize,
+                                ReferenceCounts* total) {
+  ReferenceCounts counts;
+  CountExtents(table, &counts);
+  for (const auto& [dcid, bytes] : counts.bytesByDcid) {
+    total->bytesByDcid[dcid] += bytes;
+  }
+  for (const auto& [text, extents] : counts.extentsByFingerprint) {
+    total->extentsByFingerprint[text] += extents;
+  }
+  total->extents += counts.extents;
+  std::string difference = ShapeDifference(table, fileSize, counts.extents);
+  return difference.empty() ? ReferencesDifference(table, counts) : difference;
+}
+
+}  // namespace zefs::refhost

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace zefs::refhost {
+
+/// The directory of a store that is used once: containers, and the plain copies beside them. What
+/// it made is removed again at the end unless it is to be kept, and nothing else.
+class WorkDir {
+ public:
+  /// Uses `directory`, made if it is missing, or a fresh one in the system's place for temporary
+  /// files if the text is empty. Throws StoreError if it cannot be made or written, or is not
+  /// empty.
+  WorkDir(const std::string& directory, bool keep);
+  ~WorkDir();
+  WorkDir(const WorkDir&) = delete;
+  WorkDir& operator=(const WorkDir&) = delete;
+
+  std::string path() const { return path_.string(); }
+  std::string containers() const { return (path_ / "containers").string(); }
+  std::string copies() const { return (path_ / "copies").string(); }
+
+ private:
+  void MakeFresh();
+  void Adopt(const std::string& directory);
+  void MakeDirectory(const std::filesystem::path& directory);
+  void RemoveMade() noexcept;
+
+  std::filesystem::path path_;
+  bool keep_;
+  std::vector<std::filesystem::path> made_;
+};
+
+}  // namespace zefs::refhost

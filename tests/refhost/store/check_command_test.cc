@@ -1,0 +1,228 @@
+#include "refhost/cli/check_command.h"
+
+#include <algorithm>
+#include <csignal>
+#include <sstream>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <boost/filesystem/operations.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include "refhost/cli/exit_status.h"
+#include "tests/refhost/store/store_fixture.h"
+
+namespace zefs::refhost {
+namespace {
+
+namespace fs = boost::filesystem;
+using test::TempDir;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+int LinesOf(const std::string& text) {
+  return static_cast<int>(std::count(text.begin(), text.end(), '\n'));
+}
+
+class CheckCommand : public ::testing::Test {
+ protected:
+  CheckCommand() {
+    fs::create_directories(dir / "tree");
+    test::WriteFile(dir / "tree/one", std::string(40000, '1'));
+    test::WriteFile(dir / "tree/two", "two");
+    options.paths = {In("tree")};
+    options.storeDirectory = In("store");
+  }
+  std::string In(const std::string& name) const { return (dir / name).string(); }
+
+  int Run(bool json = false, const BeforeVerify& plant = {}) {
+    return RunAndReport(options, json, out, err, plant);
+  }
+
+  /// As the shell would call it; -1 and the text in `err` if the arguments are refused.
+  int Parse(std::vector<std::string> arguments) {
+    CLI::App app;
+    int status = -2;
+    AddCheckCommand(app, &status);
+    std::reverse(arguments.begin(), arguments.end());
+    try {
+      app.parse(arguments);
+    } catch (const CLI::ParseError& error) {
+      err << error.what() << '\n';
+      return -1;
+    }
+    return status;
+  }
+
+  TempDir dir;
+  CheckOptions options;
+  std::ostringstream out;
+  std::ostringstream err;
+};
+
+TEST_F(CheckCommand, EqualTreeGivesStatusNoughtAndTheFigures) {
+  EXPECT_EQ(kExitFine, Run());
+  EXPECT_THAT(out.str(), AllOf(StartsWith("every byte is equal:\n"), HasSubstr("dedup ratio"),
+                               HasSubstr("references, counted again")));
+  EXPECT_EQ("", err.str());
+}
+
+TEST_F(CheckCommand, JsonParsesAndHoldsTheExactFigures) {
+  EXPECT_EQ(kExitFine, Run(true));
+  const auto json = nlohmann::json::parse(out.str());
+  EXPECT_TRUE(json.at("equal").get<bool>());
+  EXPECT_TRUE(json.at("difference").is_null());
+  EXPECT_EQ(2, json.at("files"));
+  EXPECT_EQ(40003, json.at("source_bytes"));
+  EXPECT_EQ(16384 + 40000 - 2 * 16384 + 3, json.at("source_stored_bytes"));
+  EXPECT_TRUE(json.at("skipped_files").empty());
+  EXPECT_EQ(16384, json.at("segment_size"));
+  for (const char* const key :
+       {"logical_bytes", "written_bytes", "stored_bytes", "dedup_ratio", "extents",
+        "containers_referenced", "fingerprints_referenced", "store_bytes_per_second",
+        "change_bytes_per_second", "verify_bytes_per_second", "seconds"}) {
+    EXPECT_TRUE(json.at(key).is_number()) << key;
+  }
+}
+
+TEST_F(CheckCommand, PlantedDifferenceGivesStatusOneFileAndOffset) {
+  const auto plant = [](FileStore* store) { store->Write(0, 123, "!"); };
+  EXPECT_EQ(kExitDifference, Run(false, plant));
+  EXPECT_THAT(err.str(), StartsWith("difference in " + In("tree/one") + " at offset 123: "));
+  EXPECT_THAT(out.str(), StartsWith("not equal:\n"));
+}
+
+TEST_F(CheckCommand, PlantedDifferenceStandsInTheJson) {
+  EXPECT_EQ(kExitDifference, Run(true, [](FileStore* store) { store->Write(0, 123, "!"); }));
+  const auto json = nlohmann::json::parse(out.str());
+  EXPECT_FALSE(json.at("equal").get<bool>());
+  EXPECT_EQ(In("tree/one"), json.at("difference").at("path"));
+  EXPECT_EQ(123, json.at("difference").at("offset"));
+}
+
+TEST_F(CheckCommand, SkippedFilesAreNamedAndCounted) {
+  options.paths.push_back(In("gone"));
+  EXPECT_EQ(kExitFine, Run(true));
+  EXPECT_EQ("skipped " + In("gone") + ": No such file or directory (ENOENT)\n", err.str());
+  const auto json = nlohmann::json::parse(out.str());
+  EXPECT_EQ(1, json.at("skipped"));
+  EXPECT_EQ(In("gone"), json.at("skipped_files").at(0).at("path"));
+}
+
+TEST_F(CheckCommand, NameThatIsNoUtf8StillGivesJson) {
+  options.paths.push_back(
+      In("bad\xff"
+         "name"));
+  EXPECT_EQ(kExitFine, Run(true));
+  EXPECT_TRUE(nlohmann::json::accept(out.str()));
+}
+
+TEST_F(CheckCommand, UnwritableStoreIsOneLineAndStatusTwo) {
+  options.storeDirectory = In("tree/one/store");
+  EXPECT_EQ(kExitCannotRun, Run());
+  EXPECT_THAT(err.str(), HasSubstr("tree/one/store: Not a directory (ENOTDIR)"));
+  EXPECT_EQ(1, LinesOf(err.str()));
+  EXPECT_EQ("", out.str());
+}
+
+TEST_F(CheckCommand, TreeWithoutFilesIsStatusTwo) {
+  fs::create_directory(dir / "none");
+  options.paths = {In("none")};
+  EXPECT_EQ(kExitCannotRun, Run());
+  EXPECT_EQ("zefs-host check: no readable file among the 0 found, 0 skipped\n", err.str());
+}
+
+TEST_F(CheckCommand, SegmentSizeThatIsNoneIsStatusTwo) {
+  options.segmentSize = 1000;
+  EXPECT_EQ(kExitCannotRun, Run());
+  EXPECT_EQ("zefs-host check: segment size 1000 is not a power of two from 512 to 1048576\n",
+            err.str());
+  EXPECT_FALSE(fs::exists(dir / "store"));
+}
+
+/// In a child, because the limit concerns the whole process. Without a limit on the child's own
+/// handling the signal would end it.
+int RunWithFileSizeLimit(const CheckOptions& options) {
+  rlimit limit{};
+  limit.rlim_cur = 20000;
+  limit.rlim_max = 20000;
+  if (setrlimit(RLIMIT_FSIZE, &limit) != 0) {
+    return 90;
+  }
+  std::ostringstream out;
+  std::ostringstream err;
+  const int status = RunAndReport(options, false, out, err);
+  const bool told = err.str().find("cannot write ") != std::string::npos &&
+                    err.str().find("(EFBIG)") != std::string::npos && LinesOf(err.str()) == 1;
+  return told ? status : 91;
+}
+
+TEST_F(CheckCommand, StoreWithoutRoomIsOneLineAndStatusTwo) {
+  const pid_t child = fork();
+  ASSERT_NE(-1, child);
+  if (child == 0) {
+    _exit(RunWithFileSizeLimit(options));
+  }
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(kExitCannotRun, WEXITSTATUS(status));
+  EXPECT_FALSE(fs::exists(dir / "store"));
+}
+
+TEST_F(CheckCommand, InterruptRemovesTheStoreAndIsStatusTwo) {
+  EXPECT_EQ(kExitCannotRun, Run(false, [](FileStore*) { std::raise(SIGINT); }));
+  EXPECT_EQ("zefs-host check: interrupted\n", err.str());
+  EXPECT_FALSE(fs::exists(dir / "store"));
+}
+
+TEST_F(CheckCommand, ArgumentsReachTheCheck) {
+  ::testing::internal::CaptureStdout();
+  const int status = Parse({"check", In("tree"), "--store", In("store"), "--keep", "--segment-size",
+                            "4K", "--seed", "9", "--json"});
+  const auto json = nlohmann::json::parse(::testing::internal::GetCapturedStdout());
+  EXPECT_EQ(kExitFine, status);
+  EXPECT_EQ(4096, json.at("segment_size"));
+  EXPECT_EQ(9, json.at("seed"));
+  EXPECT_EQ(In("store"), json.at("store"));
+  EXPECT_TRUE(fs::exists(dir / "store/containers/64"));
+}
+
+TEST_F(CheckCommand, BadArgumentsAreRefusedByName) {
+  struct Case {
+    std::vector<std::string> arguments;
+    const char* text;
+  };
+  for (const Case& c : {
+           Case{{"check"}, "PATH"},
+           Case{{"check", In("gone")}, "gone"},
+           Case{{"check", In("tree"), "--segment-size", "1000"},
+                "segment size 1000 is not a power of two from 512 to 1048576"},
+           Case{{"check", In("tree"), "--segment-size", "2M"},
+                "segment size 2097152 is not a power of two"},
+           Case{{"check", In("tree"), "--segment-size", "0"}, "segment size 0 is not"},
+           Case{{"check", In("tree"), "--segment-size", "-512"}, "--segment-size"},
+           Case{{"check", In("tree"), "--segment-size", "many"}, "many"},
+           Case{{"check", In("tree"), "--segment-size", "99999999999999999999"}, "--segment-size"},
+           Case{{"check", In("tree"), "--seed", "x"}, "--seed"},
+           Case{{"check", In("tree"), "--nonsense"}, "--nonsense"},
+       }) {
+    SCOPED_TRACE(::testing::PrintToString(c.arguments));
+    err.str("");
+    EXPECT_EQ(-1, Parse(c.arguments));
+    EXPECT_THAT(err.str(), HasSubstr(c.text));
+    EXPECT_EQ(1, LinesOf(err.str()));
+  }
+}
+
+}  // namespace
+}  // namespace zefs::refhost

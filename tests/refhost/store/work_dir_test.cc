@@ -1,0 +1,85 @@
+#include "refhost/store/work_dir.h"
+
+#include <memory>
+#include <string>
+
+#include <boost/filesystem/operations.hpp>
+#include <gtest/gtest.h>
+
+#include "refhost/store/store_error.h"
+#include "tests/refhost/store/store_fixture.h"
+
+namespace zefs::refhost {
+namespace {
+
+namespace fs = boost::filesystem;
+using test::TempDir;
+using test::ThrownText;
+
+TEST(WorkDir, TemporaryOneIsRemovedWithAllInIt) {
+  std::string path;
+  {
+    const WorkDir work("", false);
+    path = work.path();
+    test::WriteFile(work.containers() + "/64", "x");
+    test::WriteFile(work.copies(), "x");
+  }
+  EXPECT_FALSE(fs::exists(path));
+}
+
+TEST(WorkDir, KeptOneStays) {
+  const TempDir dir;
+  { const WorkDir work((dir / "s").string(), true); }
+  EXPECT_TRUE(fs::is_directory(dir / "s/containers"));
+}
+
+TEST(WorkDir, DirectoryThatWasThereStaysEmpty) {
+  const TempDir dir;
+  { const WorkDir work(dir.path().string(), false); }
+  EXPECT_TRUE(fs::exists(dir.path()));
+  EXPECT_TRUE(fs::is_empty(dir.path()));
+}
+
+TEST(WorkDir, MissingDirectoryIsMadeAndRemoved) {
+  const TempDir dir;
+  {
+    const WorkDir work((dir / "s").string(), false);
+    EXPECT_TRUE(fs::is_directory(dir / "s"));
+  }
+  EXPECT_FALSE(fs::exists(dir / "s"));
+}
+
+TEST(WorkDir, DirectoryWithContentIsRefusedAndLeftAlone) {
+  const TempDir dir;
+  test::WriteFile(dir / "precious", "x");
+  EXPECT_EQ("cannot use the store " + dir.path().string() + ": Directory not empty (ENOTEMPTY)",
+            ThrownText<StoreError>([&] { WorkDir(dir.path().string(), false); }));
+  EXPECT_TRUE(fs::exists(dir / "precious"));
+}
+
+TEST(WorkDir, FileIsRefused) {
+  const TempDir dir;
+  test::WriteFile(dir / "file", "");
+  EXPECT_EQ("cannot use the store " + (dir / "file").string() + ": Not a directory (ENOTDIR)",
+            ThrownText<StoreError>([&] { WorkDir((dir / "file").string(), false); }));
+  EXPECT_EQ("cannot create " + (dir / "file/s").string() + ": Not a directory (ENOTDIR)",
+            ThrownText<StoreError>([&] { WorkDir((dir / "file/s").string(), false); }));
+}
+
+TEST(WorkDir, DirectoryThatMayNotBeWrittenIsRefused) {
+  const TempDir dir;
+  fs::create_directory(dir / "s");
+  fs::permissions(dir / "s", static_cast<fs::perms>(0555));
+  const test::AsOrdinaryUser user(dir.path());
+  EXPECT_EQ("cannot create " + (dir / "s/containers").string() + ": Permission denied (EACCES)",
+            ThrownText<StoreError>([&] { WorkDir((dir / "s").string(), false); }));
+}
+
+TEST(WorkDir, MissingParentIsRefused) {
+  const TempDir dir;
+  EXPECT_EQ("cannot create " + (dir / "a/b").string() + ": No such file or directory (ENOENT)",
+            ThrownText<StoreError>([&] { WorkDir((dir / "a/b").string(), false); }));
+}
+
+}  // namespace
+}  // namespace zefs::refhost
