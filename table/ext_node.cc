@@ -81,6 +81,9 @@ CMapNode* CExtNode::lower_bound(long offset, int* index) {
   if (place == extents.size()) {
     return nullptr;
   }
+  // Whoever looks a place up goes on to a neighbour, or changes this leaf and relinks them.
+  __builtin_prefetch(next);
+  __builtin_prefetch(prev);
   *index = static_cast<int>(place);
   return this;
 }

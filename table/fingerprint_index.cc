@@ -37,6 +37,24 @@ std::size_t FingerprintIndex::Locate(const crfp_digest_t& fp) const {
   return slots_.size();
 }
 
+void FingerprintIndex::PrefetchSlot(const crfp_digest_t& fp) const {
+  if (!slots_.empty()) {
+    __builtin_prefetch(&slots_[Home(HashOf(fp))]);
+  }
+}
+
+void FingerprintIndex::PrefetchEntry(const crfp_digest_t& fp) const {
+  if (slots_.empty()) {
+    return;
+  }
+  const std::uint64_t hash = HashOf(fp);
+  const Slot& slot = slots_[Home(hash)];
+  if (slot.hash == hash) {
+    __builtin_prefetch(slot.entry->first.data());
+    __builtin_prefetch(&slot.entry->second);
+  }
+}
+
 const FingerprintIndex::Entry* FingerprintIndex::Find(const crfp_digest_t& fp) const {
   const std::size_t at = Locate(fp);
   return at == slots_.size() ? nullptr : &slots_[at].entry;

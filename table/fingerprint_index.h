@@ -26,6 +26,11 @@ class FingerprintIndex {
   /// The entry of `fp`, or null. Valid until the next change of the index.
   const Entry* Find(const crfp_digest_t& fp) const;
 
+  /// Ask memory for what Find(fp) will read, in two steps that are to lie some work apart: where
+  /// the fingerprint is indexed, and then the entry.
+  void PrefetchSlot(const crfp_digest_t& fp) const;
+  void PrefetchEntry(const crfp_digest_t& fp) const;
+
   /// Adds the entry of `fp`, which is not in here.
   void Insert(const crfp_digest_t& fp, Entry entry);
 

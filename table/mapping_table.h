@@ -283,8 +283,8 @@ class ZEFS_EXTMAP_API CMappingTable {
 
   iterator MakeIterator(CExtNode* node, int index) const;
   void CollectOverlaps(long sOff, long eOff, std::vector<Ext>* toDelete, std::vector<Ext>* toAdd);
-  void DeleteFromTree(const Ext& ext, ReferenceChange* references);
-  void AddToTree(const Ext& ext, ReferenceChange* references);
+  void DeleteFromTree(const Ext& ext, ReferenceChange* references, std::vector<CMapNode*>* scratch);
+  void AddToTree(const Ext& ext, ReferenceChange* references, std::vector<CMapNode*>* scratch);
   void GrowRoot(std::vector<CMapNode*>* children);
   void FreeOldNodes();
   ReferenceChange StartReferenceChange();

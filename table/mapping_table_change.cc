@@ -80,14 +80,20 @@ void CMappingTable::CollectOverlaps(long sOff, long eOff, std::vector<Ext>* toDe
     toAdd->push_back(PieceOf(*last, eOff, last->eOff));
     ++last;
   }
+  toDelete->reserve(4);
   for (; first != last; ++first) {
+    fpIndex_.PrefetchSlot(first->objectID.fp);
     toDelete->push_back(*first);
   }
 }
 
-/// Takes a stored extent out of the writer's view and out of the references.
-void CMappingTable::DeleteFromTree(const Ext& ext, ReferenceChange* references) {
-  std::vector<CMapNode*> local;
+/// Takes a stored extent out of the writer's view and out of the references. `scratch` is for the
+/// nodes that the tree reports; what it holds before is dropped.
+void CMappingTable::DeleteFromTree(const Ext& ext, ReferenceChange* references,
+                                   std::vector<CMapNode*>* scratch) {
+  std::vector<CMapNode*>& local = *scratch;
+  local.clear();
+  fpIndex_.PrefetchEntry(ext.objectID.fp);
   wroot_->deleteExt(this, ext.sOff, ext.eOff, &local);
   references->Delete(ext.objectID, LengthOf(ext));
   if (!local.empty()) {
@@ -101,8 +107,11 @@ void CMappingTable::DeleteFromTree(const Ext& ext, ReferenceChange* references) 
 }
 
 /// Puts an extent into the writer's view, where nothing overlaps it, and into the references.
-void CMappingTable::AddToTree(const Ext& ext, ReferenceChange* references) {
-  std::vector<CMapNode*> local;
+void CMappingTable::AddToTree(const Ext& ext, ReferenceChange* references,
+                              std::vector<CMapNode*>* scratch) {
+  std::vector<CMapNode*>& local = *scratch;
+  local.clear();
+  fpIndex_.PrefetchEntry(ext.objectID.fp);
   const bool replaced = wroot_->addExt(this, ext, &local) != 0;
   references->Add(ext.objectID, LengthOf(ext));
   if (replaced && local.size() == 1) {
@@ -144,17 +153,21 @@ int CMappingTable::insert(long sOff, long eOff, const ObjectID* oid, long objOff
   std::vector<Ext> toDelete;
   std::vector<Ext> toAdd;
   toAdd.reserve(3);
+  if (oid != nullptr) {
+    fpIndex_.PrefetchSlot(oid->fp);
+  }
   CollectOverlaps(sOff, eOff, &toDelete, &toAdd);
   toAdd.emplace_back(sOff, eOff, oid, objOff, objCksum, data);
 
   {
     ReferenceChange references = StartReferenceChange();
+    std::vector<CMapNode*> local;
     for (const Ext& ext : toDelete) {
-      DeleteFromTree(ext, &references);
+      DeleteFromTree(ext, &references, &local);
       DeleteLine(ext, trace);
     }
     for (const Ext& ext : toAdd) {
-      AddToTree(ext, &references);
+      AddToTree(ext, &references, &local);
       AddLine(ext, trace);
     }
   }
@@ -177,14 +190,15 @@ int CMappingTable::truncate(long size, FILE* trace) {
   }
   {
     ReferenceChange references = StartReferenceChange();
+    std::vector<CMapNode*> local;
     for (const Ext& ext : toDelete) {
-      DeleteFromTree(ext, &references);
+      DeleteFromTree(ext, &references, &local);
       DeleteLine(ext, nullptr);  // always in the log
     }
     // The reader's view still shows the extent: its leaf is freed after the commit.
     if (first->sOff < size && size < first->eOff) {
       const Ext front = PieceOf(*first, first->sOff, size);
-      AddToTree(front, &references);
+      AddToTree(front, &references, &local);
       if (trace != nullptr) {
         AddLine(front, trace);
       }

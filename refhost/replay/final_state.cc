@@ -1,6 +1,6 @@
 #include "refhost/replay/final_state.h"
 
-#include "host/fingerprint.h"
+#include "table/fingerprint.h"
 
 namespace zefs::refhost {
 
