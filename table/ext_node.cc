@@ -89,10 +89,10 @@ CMapNode* CExtNode::lower_bound(long offset, int* index) {
 }
 
 bool CExtNode::moveItems(CMapNode* from, int fromIndex, int toIndex, int count) {
-  auto* source = dynamic_cast<CExtNode*>(from);
-  if (source == nullptr) {
+  if (from == nullptr || from->isKeyNode()) {
     throw SysException(kErrInternal);
   }
+  auto* const source = static_cast<CExtNode*>(from);
   const auto first = source->extents.begin() + fromIndex;
   extents.insert(extents.begin() + toIndex, first, first + count);
   source->extents.erase(first, first + count);

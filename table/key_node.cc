@@ -221,10 +221,10 @@ CMapNode* CKeyNode::lower_bound(long offset, int* index) {
 }
 
 bool CKeyNode::moveItems(CMapNode* from, int fromIndex, int toIndex, int count) {
-  auto* source = dynamic_cast<CKeyNode*>(from);
-  if (source == nullptr) {
+  if (from == nullptr || !from->isKeyNode()) {
     return false;
   }
+  auto* const source = static_cast<CKeyNode*>(from);
   const auto first = source->keys.begin() + fromIndex;
   keys.insert(keys.begin() + toIndex, first, first + count);
   source->keys.erase(first, first + count);

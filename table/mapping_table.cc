@@ -92,7 +92,7 @@ Ext* CMappingTable::iteratorimp::operator->() const {
 
 CMappingTable::iteratorbase& CMappingTable::iteratorimp::operator++() {
   while (node != nullptr) {
-    if (index < node->getItemNum() - 1) {
+    if (index + 1 < static_cast<int>(node->extents.size())) {
       ++index;
       return *this;
     }
@@ -110,7 +110,7 @@ CMappingTable::iteratorbase& CMappingTable::iteratorimp::operator--() {
       return *this;
     }
     node = node->prev;
-    index = node == nullptr ? 0 : node->getItemNum();
+    index = node == nullptr ? 0 : static_cast<int>(node->extents.size());
   }
   index = 0;
   return *this;
@@ -122,7 +122,8 @@ bool CMappingTable::iteratorimp::operator==(const iteratorbase& other) const {
 }
 
 bool CMappingTable::iteratorimp::operator!=(const iteratorbase& other) const {
-  return !(*this == other);
+  const iteratorimp& position = SameKind(other);
+  return node != position.node || index != position.index;
 }
 
 // --- life and append -------------------------------------------------------------------------

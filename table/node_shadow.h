@@ -9,11 +9,11 @@ namespace Aldenta::Qnd::Morene::Zefs {
 /// none.
 template <typename Node>
 Node& ShadowOf(Node& node, CMappingTable* table) {
-  auto* copy = dynamic_cast<Node*>(node.shadow(table));
-  if (copy == nullptr) {
+  CMapNode* const copy = node.shadow(table);
+  if (copy == nullptr || copy->isKeyNode() != node.isKeyNode()) {
     throw SysException(kErrInternal);
   }
-  return *copy;
+  return static_cast<Node&>(*copy);
 }
 
 /// `node` if the running change may alter it, else a new shadow of it, with the same items at the

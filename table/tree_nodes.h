@@ -114,12 +114,12 @@ class ZEFS_EXTMAP_API CKeyNode : public CMapNode {
   int appendExt(CMappingTable* table, const Ext& ext, std::vector<CMapNode*>* out) override;
   int deleteExt(CMappingTable* table, long sOff, long eOff, std::vector<CMapNode*>* out) override;
   CMapNode* lower_bound(long offset, int* index) override;
-  bool isKeyNode() override { return true; }
+  bool isKeyNode() final { return true; }
   long getStartOffset() override { return keys.empty() ? 0 : keys.front().sOff; }
   long getEndOffset() override { return keys.empty() ? 0 : keys.back().eOff; }
-  bool hasEnoughItems() override { return keys.size() >= kMinKeys; }
-  bool canBorrowItem() override { return keys.size() > kMinKeys; }
-  bool hasTooManyItems() override { return keys.size() > kMaxKeys; }
+  bool hasEnoughItems() final { return keys.size() >= kMinKeys; }
+  bool canBorrowItem() final { return keys.size() > kMinKeys; }
+  bool hasTooManyItems() final { return keys.size() > kMaxKeys; }
   bool moveItems(CMapNode* from, int fromIndex, int toIndex, int count) override;
   int getItemNum() override { return static_cast<int>(keys.size()); }
   void consist() override;
@@ -153,12 +153,12 @@ class ZEFS_EXTMAP_API CExtNode : public CMapNode {
   int appendExt(CMappingTable* table, const Ext& ext, std::vector<CMapNode*>* out) override;
   int deleteExt(CMappingTable* table, long sOff, long eOff, std::vector<CMapNode*>* out) override;
   CMapNode* lower_bound(long offset, int* index) override;
-  bool isKeyNode() override { return false; }
+  bool isKeyNode() final { return false; }
   long getStartOffset() override { return extents.empty() ? 0 : extents.front().sOff; }
   long getEndOffset() override { return extents.empty() ? 0 : extents.back().eOff; }
-  bool hasEnoughItems() override { return extents.size() >= kMinExtents; }
-  bool canBorrowItem() override { return extents.size() > kMinExtents; }
-  bool hasTooManyItems() override { return extents.size() > kMaxExtents; }
+  bool hasEnoughItems() final { return extents.size() >= kMinExtents; }
+  bool canBorrowItem() final { return extents.size() > kMinExtents; }
+  bool hasTooManyItems() final { return extents.size() > kMaxExtents; }
   bool moveItems(CMapNode* from, int fromIndex, int toIndex, int count) override;
   int getItemNum() override { return static_cast<int>(extents.size()); }
   void consist() override;
