@@ -52,20 +52,20 @@ bool CKeyNode::checkNode(bool isRoot) {
   }
   for (auto key = keys.begin(); key != keys.end(); ++key) {
     const auto where = [&] {
-      return "At node [" + RangeOf(*this) + "], key [" + Range(key->sOff, key->eOff) + "]";
+      return "At node [" + RangeOf(*this) + "], key [" + Range(key->sOff, key->eOff);
     };
     if (key->rnode->getStartOffset() != key->sOff || key->rnode->getEndOffset() != key->eOff) {
-      return Finding(where() + " has different range with it's point [" + RangeOf(*key->rnode) +
+      return Finding(where() + "] has different range with it's point [" + RangeOf(*key->rnode) +
                      "] ");
     }
     if (key->rnode != key->wnode) {
-      return Finding(where() + "'s rnode and wnode is not consist");
+      return Finding(where() + "]'s rnode and wnode is not consist");
     }
     if (key->eOff <= key->sOff) {
-      return Finding(where() + " is not valid");
+      return Finding(where() + "] is not valid");
     }
     if (std::next(key) != keys.end() && std::next(key)->sOff < key->eOff) {
-      return Finding(where() + " is not ordered");
+      return Finding(where() + "] is not ordered");
     }
     if (!key->rnode->checkNode(false)) {
       return false;
@@ -97,13 +97,13 @@ bool CExtNode::checkNode(bool isRoot) {
   }
   for (auto ext = extents.begin(); ext != extents.end(); ++ext) {
     const auto where = [&] {
-      return "At node [" + RangeOf(*this) + "], extent [" + Range(ext->sOff, ext->eOff) + "]";
+      return "At node [" + RangeOf(*this) + "], extent [" + Range(ext->sOff, ext->eOff);
     };
     if (ext->eOff <= ext->sOff) {
-      return Finding(where() + " is not valid");
+      return Finding(where() + "] is not valid");
     }
     if (std::next(ext) != extents.end() && std::next(ext)->sOff < ext->eOff) {
-      return Finding(where() + " is not ordered.");
+      return Finding(where() + "] is not ordered.");
     }
   }
   return true;
