@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "table/mapping_table.h"
+#include "table/node_prefetch.h"
 #include "table/node_shadow.h"
 #include "table/range_search.h"
 #include "table/tree_nodes.h"
@@ -53,6 +54,16 @@ class ChildReport {
 };
 
 }  // namespace
+
+void* CKeyNode::operator new(std::size_t size) {
+  constexpr std::size_t kOwnSizeClass = 88;
+  static_assert(sizeof(CKeyNode) <= kOwnSizeClass, "room for a node");
+  return ::operator new(std::max(size, kOwnSizeClass));
+}
+
+void CKeyNode::operator delete(void* node) {
+  ::operator delete(node);
+}
 
 CKeyNode::CKeyNode(bool isDirty) : CMapNode(isDirty) {
   keys.reserve(kReservedKeys);
@@ -217,7 +228,12 @@ CMapNode* CKeyNode::lower_bound(long offset, int* index) {
     return nullptr;  // no extent ends above it
   }
   const std::size_t place = FirstNotLess(keys, offset, offset + 1);
-  return place == keys.size() ? nullptr : keys[place].rnode->lower_bound(offset, index);
+  if (place == keys.size()) {
+    return nullptr;
+  }
+  CMapNode* const child = keys[place].rnode;
+  PrefetchNode(child);
+  return child->lower_bound(offset, index);
 }
 
 bool CKeyNode::moveItems(CMapNode* from, int fromIndex, int toIndex, int count) {

@@ -3,6 +3,7 @@
 #include <typeinfo>
 
 #include "host/zefs_log.h"
+#include "table/node_prefetch.h"
 #include "table/tree_iterator.h"
 #include "table/tree_nodes.h"
 
@@ -97,7 +98,8 @@ CMappingTable::iteratorbase& CMappingTable::iteratorimp::operator++() {
       return *this;
     }
     node = node->next;
-    index = -1;  // an empty leaf is passed over
+    index = -1;                                            // an empty leaf is passed over
+    PrefetchNode(node == nullptr ? nullptr : node->next);  // while this leaf is worked on
   }
   index = 0;
   return *this;

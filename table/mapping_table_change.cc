@@ -80,7 +80,7 @@ void CMappingTable::CollectOverlaps(long sOff, long eOff, std::vector<Ext>* toDe
     toAdd->push_back(PieceOf(*last, eOff, last->eOff));
     ++last;
   }
-  toDelete->reserve(4);
+  toDelete->reserve(5);
   for (; first != last; ++first) {
     fpIndex_.PrefetchSlot(first->objectID.fp);
     toDelete->push_back(*first);

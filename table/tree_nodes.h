@@ -110,6 +110,12 @@ class ZEFS_EXTMAP_API CKeyNode : public CMapNode {
   /// A new root over `children`. Reserves nothing.
   CKeyNode(std::vector<CMapNode*>* children, bool isDirty);
 
+  /// Nodes get memory of a size that nothing else here asks for. An allocator that gives out by
+  /// size what was freed last then hands a node and its array, freed together, out together again:
+  /// they stay side by side, as they were made.
+  static void* operator new(std::size_t size);
+  static void operator delete(void* node);
+
   int addExt(CMappingTable* table, const Ext& ext, std::vector<CMapNode*>* out) override;
   int appendExt(CMappingTable* table, const Ext& ext, std::vector<CMapNode*>* out) override;
   int deleteExt(CMappingTable* table, long sOff, long eOff, std::vector<CMapNode*>* out) override;

@@ -36,7 +36,8 @@ class FactoryTest : public testing::Test {
 TEST_F(FactoryTest, WithoutTheSettingTheTableIsInMemoryAndReadyAtOnce) {
   const std::unique_ptr<CMappingTable> table(CreateMappingTable(nullptr, "GENERIC"));
   ASSERT_NE(nullptr, table);
-  EXPECT_EQ(typeid(CMappingTable), typeid(*table));
+  const CMappingTable& made = *table;
+  EXPECT_EQ(typeid(CMappingTable), typeid(made));
   EXPECT_THAT(Lines(), testing::ElementsAre("0 CreateMappingTable()"));
   EXPECT_EQ(0, table->append(0, 10, nullptr, 0, 0, nullptr, nullptr));
   EXPECT_EQ(1, table->size());

@@ -8,7 +8,6 @@
 namespace {
 
 using namespace Aldenta::Qnd::Morene::Zefs;
-using zefs::test::Seen;
 using zefs::test::TableTest;
 
 class LookupTest : public TableTest {};

@@ -20,7 +20,6 @@ using namespace Aldenta::Qnd::Morene::Zefs;
 using zefs::test::ByKeys;
 using zefs::test::Oid;
 using zefs::test::Seen;
-using zefs::test::SeenOf;
 
 struct Operation {
   enum Kind { kInsert, kAppend, kTruncate, kSetObjectId, kUpdateObjectIds };

@@ -27,7 +27,7 @@ std::string FindingOf(CMapNode& node, bool isRoot) {
 
 class CheckTest : public TableTest {
  protected:
-  static std::unique_ptr<CExtNode> LeafOf(std::vector<std::pair<long, long>> ranges) {
+  static std::unique_ptr<CExtNode> LeafOf(const std::vector<std::pair<long, long>>& ranges) {
     auto leaf = std::make_unique<CExtNode>(false);
     for (const auto& [sOff, eOff] : ranges) {
       leaf->extents.push_back(Ext::Probe(sOff, eOff));
