@@ -113,7 +113,7 @@ using AllMaps =
     ::testing::Types<TableSubject, EndKeyedPeer<StdMapStore, ReferenceCounts>,
                      EndKeyedPeer<BtreeStore, ReferenceCounts>,
                      EndKeyedPeer<BtreePointerStore, ReferenceCounts>, IclPeer<ReferenceCounts>>;
-TYPED_TEST_SUITE(BenchMaps, AllMaps);
+TYPED_TEST_SUITE(BenchMaps, AllMaps, );
 
 /// Counts what `rows` refer to from scratch.
 void Recount(const std::vector<Row>& rows, ContainerCounts* containers,
