@@ -133,7 +133,7 @@ class ZEFS_EXTMAP_API CMappingTable {
   virtual int setFileSize(long size);
 
   /// Drops everything at and above `size`; an extent that spans it keeps its front. `trace`, if not
-  /// null, gets the line of the front and a newline at the end. Returns 0. Takes tableLock_
+  /// null, gets the line of the front and, if anything was dropped, a newline at the end. Returns 0. Takes tableLock_
   /// exclusively.
   virtual int truncate(long size, FILE* trace);
 
