@@ -8,7 +8,7 @@ set_target_properties(zefs_extmap PROPERTIES EXPORT_NAME extmap)
 install(TARGETS zefs_extmap EXPORT zefs-extmap-targets
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
   INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/zefs-extmap")
-install(DIRECTORY host support table
+install(DIRECTORY host support table sidefiles
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/zefs-extmap" FILES_MATCHING PATTERN "*.h")
 
 install(EXPORT zefs-extmap-targets NAMESPACE zefs:: DESTINATION "${zefs_cmake_dir}")

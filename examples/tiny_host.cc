@@ -1,12 +1,14 @@
 // The least that an executable has to supply to load the library with tables in memory: a silent
 // log, the choice of the table, fingerprints as text and back, and CPU accounting that is switched
-// off.
+// off. What only the files beside a stored table need is refused.
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "host/auto_log_cpu.h"
 #include "host/config.h"
+#include "host/file_io.h"
 #include "host/fingerprint.h"
 #include "host/zefs_log.h"
 
@@ -16,6 +18,26 @@ void ZEFS_LOG(int /*level*/, const char* /*format*/, ...) {}
 
 ZefsConfig& ZefsConfig::GetInstance() {
   static ZefsConfig config;  // useLmdbTable stays 0: tables in memory
+  return config;
+}
+
+FileSystemDaemonConfig::FileSystemDaemonConfig()
+    : bigTableMapSizeGiB(0),
+      batchUpdateThreshold(0),
+      objIdReadyThreshold(0),
+      mergeEntriesThreshold(0),
+      mergeCommitCountThreshold(0),
+      mergeCommitTimeThreshold(0),
+      mergeWaitEntriesThreshold(0),
+      mergeCommitBatchSize(0),
+      persistBloom(0),
+      prefetchEnabled(0),
+      prefetchSpanBytes(0),
+      dcOffsetTrackingEnabled(false),
+      dcOffsetStoreThreshold(0) {}
+
+FileSystemDaemonConfig& FileSystemDaemonConfig::GetInstance() {
+  static FileSystemDaemonConfig config;
   return config;
 }
 
@@ -38,6 +60,22 @@ int CRFPStringToDigest_r(const char* text, int kind, unsigned char* digest) {
     const char digits[] = {text[2 * i], text[2 * i + 1], '\0'};
     digest[i] = static_cast<unsigned char>(std::strtoul(digits, nullptr, 16));
   }
+  return 0;
+}
+
+ssize_t safe_read(int /*fd*/, void* /*buffer*/, std::size_t /*size*/) {
+  errno = ENOSYS;
+  return -1;
+}
+ssize_t safe_write(int /*fd*/, const void* /*buffer*/, std::size_t /*size*/) {
+  errno = ENOSYS;
+  return -1;
+}
+int safe_fsync(int /*fd*/) {
+  errno = ENOSYS;
+  return -1;
+}
+int EnableNommap(const std::string& /*path*/, int /*fd*/) {
   return 0;
 }
 

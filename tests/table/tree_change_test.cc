@@ -12,7 +12,6 @@ namespace {
 using namespace Aldenta::Qnd::Morene::Zefs;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using zefs::test::ByKeys;
 using zefs::test::Forward;
 using zefs::test::Oid;
 using zefs::test::Seen;
