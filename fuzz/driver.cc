@@ -40,10 +40,8 @@ std::vector<Input> ReadCorpus(const fs::path& directory) {
     paths.push_back(entry.path());
   }
   std::sort(paths.begin(), paths.end());
-  std::vector<Input> corpus;
-  for (const fs::path& path : paths) {
-    corpus.push_back(ReadFile(path));
-  }
+  std::vector<Input> corpus(paths.size());
+  std::transform(paths.begin(), paths.end(), corpus.begin(), ReadFile);
   if (corpus.empty()) {
     throw std::runtime_error("no inputs in " + directory.string());
   }
