@@ -257,11 +257,11 @@ int DcOffsetStore::Read(std::vector<DCOffset>* out) {
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): as given
 int DcOffsetStore::MergeDcOffset(std::vector<DCOffset> offsets) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  ZEFS_LOG(kLogTrace, "DcOffsetStore::%s, file: %s", "MergeDcOffset", path_.c_str());
   DcOffsetSet open;
   std::copy_if(offsets.begin(), offsets.end(), std::inserter(open, open.end()),
                [](const DCOffset& o) { return o.dcOffset < 0 && o.dcOffset != kGivenUp; });
+  const std::lock_guard<std::mutex> lock(mutex_);
+  ZEFS_LOG(kLogTrace, "DcOffsetStore::%s, file: %s", "MergeDcOffset", path_.c_str());
   if (!open.empty()) {
     const int code = Write(open);
     if (code != 0) {

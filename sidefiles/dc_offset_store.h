@@ -49,9 +49,10 @@ using DcOffsetSet = std::unordered_set<zefs::DCOffset, DcOffsetHash, DcOffsetEqu
 /// `dcOffset` of a record: 0 and more is known and never stored, -1 is wanted, -2 is given up and
 /// not stored again once it was handed out, -3 is never tracked; any other negative value is as -1.
 ///
-/// Nothing is lost by a failure of writing, and records may then stand in the file twice: the host
-/// looks up each on its own. Not so for a reading that fails, see Read, nor for a record that was
-/// torn in the middle by a failed write: those after it in the same file are misread.
+/// A record in memory is not lost by a failure of writing, and may then stand in the file twice:
+/// the host looks up each on its own. A list that could not be taken back is still out: the host
+/// hands it back again. A reading that fails loses records, see Read, and of a record that was torn
+/// in the middle by a failed write, those after it in the same file are misread.
 ///
 /// Threads: any number. One mutex is held throughout each operation, file work included, because
 /// UpdatePath changes the path that all of them use. It is the innermost lock but for the

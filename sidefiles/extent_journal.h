@@ -35,8 +35,10 @@ Extent DecodeJournalRecord(const unsigned char* bytes);
 /// at or the replay file cannot be removed; the lock is then free.
 ///
 /// `mutex_` is the only lock and the innermost of a table. Add, Flush, Start and Destroy may be
-/// called from any thread at any time. Get, Replay, Read and Close touch the descriptor or the
-/// files without the lock: nobody else may be using the journal.
+/// called from any thread at any time at which the table does not move: log lines read the path
+/// without the lock, and the table lock, which a move takes exclusively, keeps it in place. Get,
+/// Replay, Read and Close touch the descriptor or the files without the lock: nobody else may be
+/// using the journal.
 class ExtentJournal {
  public:
   static constexpr char JOURNAL_FILENAME[] = "journal";  ///< behind the prefix of the table

@@ -274,6 +274,35 @@ TEST_F(DcOffsetStoreFaultsTest, StatusThatCannotBeToldThrows) {
   EXPECT_THROW(below.MergeDcOffset({}), boost::filesystem::filesystem_error);
 }
 
+TEST_F(DcOffsetStoreFaultsTest, StatusBeforeTheRenameThatCannotBeToldThrowsAndFreesTheLock) {
+  ASSERT_EQ(0, store_.MergeDcOffset({Wanted(1)}));
+  std::vector<DCOffset> out;
+  Faults::FailNth(Call::kStat, 2, EACCES);
+  EXPECT_THROW(store_.Read(&out), boost::filesystem::filesystem_error);
+  EXPECT_EQ(1U, out.size());
+  EXPECT_FALSE(Exists(aside_));
+  EXPECT_EQ(0, store_.Read(&out)) << "the lock is free, and the file still there";
+  EXPECT_EQ(1U, out.size());
+  EXPECT_TRUE(Exists(aside_));
+}
+
+TEST_F(DcOffsetStoreFaultsTest, AFileThatIsGoneBeforeTheRenameIsNotRenamed) {
+  ASSERT_EQ(0, store_.MergeDcOffset({Wanted(1)}));
+  std::vector<DCOffset> out;
+  Faults::FailNth(Call::kStat, 2, ENOENT);
+  EXPECT_EQ(0, store_.Read(&out));
+  EXPECT_EQ(1U, out.size());
+  EXPECT_FALSE(Exists(aside_));
+}
+
+TEST_F(DcOffsetStoreFaultsTest, MergeThatCannotSyncLeavesTheListOut) {
+  WriteBytes(aside_, {1});
+  Faults::FailNth(Call::kFsync, 1, EIO);
+  EXPECT_EQ(-1, store_.MergeDcOffset({Wanted(1)}));
+  EXPECT_EQ((Lines{"8 Failed to store dcoffset, ret=-1"}), Failures());
+  EXPECT_TRUE(Exists(aside_));
+}
+
 // ---- MergeDcOffset ------------------------------------------------------------------------------
 
 TEST_F(DcOffsetStoreFaultsTest, MergeThatCannotWriteLeavesTheListOut) {

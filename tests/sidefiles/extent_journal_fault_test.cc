@@ -212,6 +212,18 @@ TEST_F(ExtentJournalFaultTest, AReplayHandsOnTheErrorNumberOfTheNewOpen) {
       TakeLog(8));
 }
 
+TEST_F(ExtentJournalFaultTest, AReplayFileThatCannotBeLookedAtThrows) {
+  ExtentJournal journal(Path(), false);
+  StartWith(journal, 2);
+  ASSERT_EQ(0, journal.Flush(true));
+  std::vector<Extent> out;
+  Faults::FailNth(Call::kStat, 1, EACCES);
+  EXPECT_THROW(journal.Replay(&out), fs::filesystem_error);
+  EXPECT_EQ(2U, out.size());
+  EXPECT_TRUE(HasReplayFile());
+  EXPECT_EQ(0, journal.Destroy());
+}
+
 TEST_F(ExtentJournalFaultTest, AReplayFileThatCannotBeRemovedThrows) {
   ExtentJournal journal(Path(), false);
   StartWith(journal, 2);
