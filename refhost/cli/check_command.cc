@@ -1,9 +1,8 @@
 #include "refhost/cli/check_command.h"
 
-#include <atomic>
+#include <cerrno>
 #include <charconv>
 #include <chrono>
-#include <csignal>
 #include <exception>
 #include <iostream>
 #include <memory>
@@ -13,58 +12,39 @@
 #include <system_error>
 
 #include <CLI/CLI.hpp>
+#include <sys/stat.h>
 
 #include "refhost/cli/exit_status.h"
+#include "refhost/cli/printable.h"
 #include "refhost/cli/progress.h"
 #include "refhost/cli/report.h"
+#include "refhost/cli/signal_guard.h"
+#include "refhost/store/change_plan.h"
+#include "refhost/store/plain_copies.h"
+#include "refhost/store/store_error.h"
 
 namespace zefs::refhost {
 
 namespace {
 
 constexpr const char* kDescription =
-    "Store files, change them, and compare every byte with a plain copy.\n"
-    "Every regular file at and under the paths is stored in deduplicated segments; then, decided "
-    "by\n"
-    "the seed, ranges across segment boundaries are overwritten, data is appended, and files are "
-    "cut\n"
-    "and extended with holes; in the end every byte is read back through the extent maps and "
-    "compared,\n"
-    "and all references are counted again. The files themselves are only read. The plain copies "
-    "lie\n"
-    "beside the store, so the place needs room for about twice the size of the files.\n"
-    "Exit status: 0 all is equal; 1 a difference; 2 the check cannot run.";
+    R"(Store files, change them, and compare every byte with a plain copy.
+Every regular file at and under the paths is stored in deduplicated segments; then, decided by the
+seed, ranges across segment boundaries are overwritten, data is appended, and files are cut and
+extended with holes; in the end every byte is read back through the extent maps and compared, and
+all references are counted again. The files themselves are only read. The plain copies lie beside
+)";
 
-/// Set by the first interrupt, so that the check ends and removes what it has made.
-std::atomic<bool> interrupted{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
-
-extern "C" void NoteInterrupt(int signal) {
-  interrupted = true;
-  std::signal(signal, SIG_DFL);  // a second one ends the process at once
+/// What a check needs at the place of its store, at most.
+std::string RoomNeeded() {
+  return "the store. That place needs room for twice the bytes of the files, those of holes "
+         "included, and for\n" +
+         std::to_string(kMostWrittenInSegments + kMostGrowthInSegments) + " segments and " +
+         std::to_string(kCopyAlignment) + " bytes more for each file, at most.\n";
 }
 
-/// While it lives, interrupts are noted and a file-size limit is an error of the write.
-class SignalGuard {
- public:
-  SignalGuard()
-      : interrupt_(std::signal(SIGINT, NoteInterrupt)),
-        terminate_(std::signal(SIGTERM, NoteInterrupt)),
-        fileSize_(std::signal(SIGXFSZ, SIG_IGN)) {}
-  ~SignalGuard() {
-    std::signal(SIGINT, interrupt_);
-    std::signal(SIGTERM, terminate_);
-    std::signal(SIGXFSZ, fileSize_);
-  }
-  SignalGuard(const SignalGuard&) = delete;
-  SignalGuard& operator=(const SignalGuard&) = delete;
-
- private:
-  using Handler = void (*)(int);
-  Handler interrupt_;
-  Handler terminate_;
-  Handler fileSize_;
-};
+constexpr const char* kStatuses =
+    "Exit status: 0 all is equal; 1 a difference; 2 the check cannot run or was interrupted.";
 
 double RateOf(const PhaseFigures& phase) {
   return phase.seconds > 0 ? static_cast<double>(phase.bytes) / phase.seconds : 0;
@@ -127,15 +107,19 @@ Report ReportOf(const CheckResult& result, const CheckOptions& options, double s
   return report;
 }
 
+void TellSkipped(const CheckResult& result, std::ostream& err) {
+  for (const Skipped& one : result.skipped) {
+    err << "skipped " << Printable(one.path) << ": " << one.reason << '\n';
+  }
+}
+
 void Tell(const CheckResult& result, const Report& report, bool json, std::ostream& out,
           std::ostream& err) {
-  for (const Skipped& one : result.skipped) {
-    err << "skipped " << one.path << ": " << one.reason << '\n';
-  }
+  TellSkipped(result, err);
   if (result.difference.has_value()) {
     const Difference& difference = *result.difference;
-    err << "difference in " << difference.path << " at offset " << difference.offset << ": "
-        << difference.text << '\n';
+    err << "difference in " << Printable(difference.path) << " at offset " << difference.offset
+        << ": " << Printable(difference.text) << '\n';
   }
   if (json) {
     out << report.Json();
@@ -143,6 +127,42 @@ void Tell(const CheckResult& result, const Report& report, bool json, std::ostre
   }
   out << (result.difference.has_value() ? "not equal:\n" : "every byte is equal:\n")
       << report.Text();
+}
+
+/// What a check that came to no result leaves behind.
+void TellFailure(const CheckResult& result, const CheckOptions& options, const char* reason,
+                 std::ostream& err) {
+  TellSkipped(result, err);
+  err << "zefs-host check: " << Printable(reason) << '\n';
+  if (options.keep && !result.storePath.empty()) {
+    err << "store kept in " << Printable(result.storePath) << '\n';
+  }
+}
+
+/// Refuses a path that is not there. Any other trouble with it is that of one unreadable file.
+std::string PathProblem(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR)) {
+    return {};
+  }
+  return "'" + path + "' does not exist: " + ReasonOf(errno);
+}
+
+std::string StoreTextProblem(const std::string& text) {
+  return text.empty() ? "the name of the directory is empty" : "";
+}
+
+/// A seed as it stands on the command line becomes its plain decimal form. Returns what is wrong
+/// with it; empty if nothing is.
+std::string NormaliseSeed(std::string& text) {
+  std::uint64_t seed = 0;
+  const char* const end = text.data() + text.size();
+  const auto [behind, error] = std::from_chars(text.data(), end, seed);
+  if (error != std::errc() || behind != end) {
+    return "seed '" + text + "' is not a decimal number from 0 to 18446744073709551615";
+  }
+  text = std::to_string(seed);
+  return {};
 }
 
 /// What is wrong with a segment size as it stands on the command line, in bytes; empty if nothing
@@ -157,17 +177,17 @@ std::string SegmentSizeTextProblem(const std::string& text) {
   return SegmentSizeProblem(size);
 }
 
-CheckResult RunWithProgress(const CheckOptions& options, const BeforeVerify& beforeVerify) {
+void RunWithProgress(const CheckOptions& options, const BeforeVerify& beforeVerify,
+                     CheckResult* result) {
   ProgressBar bar;
-  interrupted = false;
   const SignalGuard guard;
   const auto progress = [&bar](std::string_view phase, std::uint64_t done, std::uint64_t total) {
-    if (interrupted) {
+    if (SignalGuard::Interrupted()) {
       throw std::runtime_error("interrupted");
     }
     bar.Update(phase, done, total);
   };
-  return RunCheck(options, progress, beforeVerify);
+  RunCheckInto(options, progress, beforeVerify, result);
 }
 
 }  // namespace
@@ -176,15 +196,16 @@ int RunAndReport(const CheckOptions& options, bool json, std::ostream& out, std:
                  const BeforeVerify& beforeVerify) {
   using Clock = std::chrono::steady_clock;
   const Clock::time_point start = Clock::now();
+  CheckResult result;
   try {
-    const CheckResult result = RunWithProgress(options, beforeVerify);
+    RunWithProgress(options, beforeVerify, &result);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     Tell(result, ReportOf(result, options, seconds), json, out, err);
     return result.difference.has_value() ? kExitDifference : kExitFine;
   } catch (const std::bad_alloc&) {
-    err << "zefs-host check: out of memory\n";
+    TellFailure(result, options, "out of memory", err);
   } catch (const std::exception& error) {
-    err << "zefs-host check: " << error.what() << '\n';
+    TellFailure(result, options, error.what(), err);
   }
   return kExitCannotRun;
 }
@@ -195,12 +216,20 @@ void AddCheckCommand(CLI::App& app, int* exitStatus) {
     bool json = false;
   };
   const auto given = std::make_shared<Given>();
-  CLI::App* const command = app.add_subcommand("check", kDescription);
+  CLI::App* const command = app.add_subcommand("check", kDescription + RoomNeeded() + kStatuses);
+  // Any number of paths without the extra arguments of one option: with these, CLI11 would take
+  // the name `[a,b]` for a list of names.
+  constexpr int kAnyNumber = CLI::detail::expected_max_vector_size;
   command->add_option("PATH", given->options.paths, "Files, and directories with all below them")
       ->required()
-      ->check(CLI::ExistingPath);
-  command->add_option("--store", given->options.storeDirectory,
-                      "Empty or missing directory for the store (default: a temporary one)");
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->expected(kAnyNumber, kAnyNumber)
+      ->allow_extra_args(false)
+      ->check(CLI::Validator(PathProblem, ""));
+  command
+      ->add_option("--store", given->options.storeDirectory,
+                   "Empty or missing directory for the store (default: a temporary one)")
+      ->check(CLI::Validator(StoreTextProblem, ""));
   command->add_flag("--keep", given->options.keep, "Do not remove the store at the end");
   command
       ->add_option(
@@ -210,6 +239,7 @@ void AddCheckCommand(CLI::App& app, int* exitStatus) {
       ->check(CLI::Validator(SegmentSizeTextProblem, ""))
       ->capture_default_str();
   command->add_option("--seed", given->options.seed, "Decides how files are changed")
+      ->transform(CLI::Validator(NormaliseSeed, ""))
       ->capture_default_str();
   command->add_flag("--json", given->json, "Print the result as JSON");
   command->callback([given, exitStatus] {

@@ -6,19 +6,21 @@
 
 #include "refhost/cli/check_command.h"
 #include "refhost/cli/exit_status.h"
+#include "refhost/cli/printable.h"
 #include "refhost/cli/replay_command.h"
 
 // zefs-host: a host for the extent map, with commands that put it to work.
 
 namespace {
 
-/// What a wrong command line is answered with.
+/// What a wrong command line is answered with. Where something is missing and something else is
+/// unknown, the latter is most likely the former, misspelt.
 std::string UsageError(const CLI::App* app, const CLI::Error& error) {
-  const std::vector<std::string> unknown = app->remaining();
-  const bool wrongCommand = app->get_subcommands().empty() && !unknown.empty();
-  return "zefs-host: " +
-         (wrongCommand ? "unknown command or option: " + unknown.front() : error.what()) +
-         " (see zefs-host --help)\n";
+  const std::vector<std::string> unknown = app->remaining(true);
+  const bool misspelt = error.get_name() == "RequiredError" && !unknown.empty();
+  const std::string problem =
+      misspelt ? "unknown command or option: " + unknown.front() : error.what();
+  return "zefs-host: " + zefs::refhost::Printable(problem) + " (see zefs-host --help)\n";
 }
 
 }  // namespace

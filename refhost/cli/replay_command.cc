@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 
 #include "refhost/cli/exit_status.h"
+#include "refhost/cli/printable.h"
 #include "refhost/cli/progress.h"
 #include "refhost/cli/report.h"
 
@@ -70,9 +71,9 @@ void Tell(const ReplayReport& replay, const ReplayOptions& options, bool json, s
           std::ostream& err) {
   if (replay.difference.has_value()) {
     const ReplayDifference& difference = *replay.difference;
-    err << "difference at " << difference.where << ": unit " << difference.unit << ", offset "
-        << difference.offset << ": the map has " << difference.found << ", expected was "
-        << difference.expected << '\n';
+    err << "difference at " << Printable(difference.where) << ": unit " << difference.unit
+        << ", offset " << difference.offset << ": the map has " << difference.found
+        << ", expected was " << difference.expected << '\n';
   }
   const Report report = ReportOf(replay, options);
   if (json) {
@@ -100,11 +101,11 @@ int ReplayAndReport(const ReplayOptions& options, bool json, std::ostream& out, 
     Tell(replay, options, json, out, err);
     return replay.difference.has_value() ? kExitDifference : kExitFine;
   } catch (const TraceError& error) {
-    err << error.what() << '\n';
+    err << Printable(error.what()) << '\n';
   } catch (const std::bad_alloc&) {
     err << "zefs-host replay: out of memory\n";
   } catch (const std::exception& error) {
-    err << "zefs-host replay: " << error.what() << '\n';
+    err << "zefs-host replay: " << Printable(error.what()) << '\n';
   }
   return kExitCannotRun;
 }

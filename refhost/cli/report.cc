@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "refhost/cli/printable.h"
+
 namespace zefs::refhost {
 
 namespace {
@@ -98,8 +100,8 @@ void Report::Ratio(std::string key, std::string label, double ratio) {
 }
 
 void Report::Words(std::string key, std::string label, std::string words) {
-  nlohmann::ordered_json value = words;
-  Add(std::move(key), std::move(label), std::move(words), std::move(value));
+  std::string shown = Printable(words);
+  Add(std::move(key), std::move(label), std::move(shown), std::move(words));
 }
 
 void Report::Data(std::string key, nlohmann::ordered_json value) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 #include <random>
 #include <utility>
 
@@ -109,8 +110,10 @@ std::vector<Change> PlanChanges(std::int64_t fileSize, std::uint32_t segmentSize
 
 std::int64_t LargestSize(std::int64_t fileSize, std::uint32_t segmentSize) {
   // One reach from the append, three from the write behind the end, two from the growth without
-  // data, and single bytes where an empty file is overwritten.
-  return fileSize + 7 * ReachOf(fileSize, segmentSize);
+  // data, and single bytes where an empty file is overwritten. A reach is at most a segment.
+  const std::int64_t growth = kMostGrowthInSegments * ReachOf(fileSize, segmentSize);
+  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  return fileSize > kMax - growth ? kMax : fileSize + growth;
 }
 
 }  // namespace zefs::refhost

@@ -23,7 +23,13 @@ struct Change {
 std::vector<Change> PlanChanges(std::int64_t fileSize, std::uint32_t segmentSize,
                                 std::uint64_t seed);
 
-/// A size that such a file never outgrows while it is changed, whatever the seed.
+/// The most that a file grows by while it is changed, and the most that is written to it, in
+/// segments.
+inline constexpr int kMostGrowthInSegments = 7;
+inline constexpr int kMostWrittenInSegments = 9;
+
+/// A size that such a file never outgrows while it is changed, whatever the seed. INT64_MAX if that
+/// is no offset any more: such a file cannot be changed.
 std::int64_t LargestSize(std::int64_t fileSize, std::uint32_t segmentSize);
 
 }  // namespace zefs::refhost

@@ -20,6 +20,9 @@ namespace {
 /// Spreads file numbers over the seeds, so that neighbours are changed differently.
 constexpr std::uint64_t kSeedStep = 0x9e3779b97f4a7c15;
 
+constexpr const char* kTooLarge =
+    "too large: changed and copied, it would reach beyond the largest offset of a file";
+
 /// A source file, open and known to be regular still.
 FileHandle OpenSource(const std::string& path) {
   FileHandle source = FileHandle::Open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
@@ -31,21 +34,19 @@ FileHandle OpenSource(const std::string& path) {
 
 class Check {
  public:
-  Check(const CheckOptions& options, const CheckProgress& progress)
+  Check(const CheckOptions& options, const Segmenter& segmenter, const WorkDir& workDir,
+        const CheckProgress& progress, CheckResult* result)
       : options_(options),
-        segmenter_(options.segmentSize),
+        segmenter_(segmenter),
         progress_(progress),
-        workDir_(options.storeDirectory, options.keep),
-        containers_(workDir_.containers(), options.containerBytes),
+        containers_(workDir.containers(), options.containerBytes),
         objects_(&containers_, &index_),
         store_(segmenter_, &objects_, &noCache_),
-        copies_(workDir_.copies()),
-        block_(new char[kCheckBlockBytes]) {}
+        copies_(workDir.copies()),
+        block_(new char[kCheckBlockBytes]),
+        result_(*result) {}
 
-  CheckResult Run(CollectedFiles collected, const BeforeVerify& beforeVerify) {
-    result_.skipped = std::move(collected.skipped);
-    result_.notRegular = collected.notRegular;
-    result_.storePath = workDir_.path();
+  void Run(const CollectedFiles& collected, const BeforeVerify& beforeVerify) {
     const bool equal = StoreAll(collected) && ChangeAll();
     if (equal) {
       if (beforeVerify) {
@@ -56,7 +57,6 @@ class Check {
     result_.writtenBytes = objects_.putBytes();
     result_.storedBytes = objects_.storedBytes();
     result_.containersWritten = containers_.containers();
-    return std::move(result_);
   }
 
  private:
@@ -75,7 +75,8 @@ class Check {
     }
     if (files_.empty()) {
       throw StoreError("no readable file among the " + std::to_string(collected.files.size()) +
-                           " found, " + std::to_string(result_.skipped.size()) + " skipped",
+                           " found, " + std::to_string(result_.skipped.size()) + " skipped, " +
+                           std::to_string(result_.notRegular) + " passed over as not regular",
                        0);
     }
     Tell("store", collected.bytes, collected.bytes);
@@ -90,6 +91,9 @@ class Check {
     try {
       source.emplace(OpenSource(path));
       size = source->Size();
+      if (!copies_.Fits(LargestSize(size, segmenter_.segmentSize()))) {
+        throw StoreError(kTooLarge, 0);
+      }
     } catch (const StoreError& error) {
       result_.skipped.push_back({path, error.code == 0 ? error.what() : ReasonOf(error.code)});
       return true;
@@ -166,9 +170,8 @@ class Check {
   }
 
   const CheckOptions& options_;
-  const Segmenter segmenter_;
+  const Segmenter& segmenter_;
   const CheckProgress& progress_;
-  const WorkDir workDir_;
   ContainerStore containers_;
   DedupIndex index_;
   ObjectStore objects_;
@@ -178,15 +181,27 @@ class Check {
   std::unique_ptr<char[]> block_;
   std::vector<CopiedFile> files_;
   std::uint64_t changed_ = 0;
-  CheckResult result_;
+  CheckResult& result_;
 };
 
 }  // namespace
 
 CheckResult RunCheck(const CheckOptions& options, const CheckProgress& progress,
                      const BeforeVerify& beforeVerify) {
+  CheckResult result;
+  RunCheckInto(options, progress, beforeVerify, &result);
+  return result;
+}
+
+void RunCheckInto(const CheckOptions& options, const CheckProgress& progress,
+                  const BeforeVerify& beforeVerify, CheckResult* result) {
+  const Segmenter segmenter(options.segmentSize);
   CollectedFiles collected = CollectFiles(options.paths);
-  return Check(options, progress).Run(std::move(collected), beforeVerify);
+  result->skipped = std::move(collected.skipped);
+  result->notRegular = collected.notRegular;
+  const WorkDir workDir(options.storeDirectory, options.keep);
+  result->storePath = workDir.path();
+  Check(options, segmenter, workDir, progress, result).Run(collected, beforeVerify);
 }
 
 }  // namespace zefs::refhost

@@ -35,4 +35,9 @@ using BeforeVerify = std::function<void(FileStore*)>;
 CheckResult RunCheck(const CheckOptions& options, const CheckProgress& progress = {},
                      const BeforeVerify& beforeVerify = {});
 
+/// The same, into `*result`, which is empty before. When it throws, `result->skipped` names the
+/// files that were skipped up to there, and `result->storePath` the store if one was made.
+void RunCheckInto(const CheckOptions& options, const CheckProgress& progress,
+                  const BeforeVerify& beforeVerify, CheckResult* result);
+
 }  // namespace zefs::refhost

@@ -1,6 +1,7 @@
 #include "refhost/store/container_store.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <fcntl.h>
 #include <filesystem>
@@ -37,6 +38,18 @@ std::uint64_t FirstFreeDcid(const std::string& directory) {
     throw SystemError("list", directory, error.value());
   }
   return next;
+}
+
+/// A container that was written before.
+FileHandle OpenWritten(const std::string& path) {
+  try {
+    return FileHandle::Open(path, O_RDONLY);
+  } catch (const StoreError& error) {
+    if (error.code == ENOENT) {
+      throw DamageError("container " + path + " is gone");
+    }
+    throw;
+  }
 }
 
 }  // namespace
@@ -87,7 +100,7 @@ const FileHandle& ContainerStore::Readable(std::uint64_t dcid) const {
   if (open != reading_.end()) {
     return open->file;
   }
-  reading_.push_front({dcid, FileHandle::Open(PathOf(dcid), O_RDONLY)});
+  reading_.push_front({dcid, OpenWritten(PathOf(dcid))});
   if (reading_.size() > kOpenForReading) {
     reading_.pop_back();
   }

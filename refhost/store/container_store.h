@@ -36,7 +36,7 @@ class ContainerStore {
   Location Append(std::string_view bytes);
 
   /// Reads [from, from + size) of the object at `where` into `out`. The range lies inside the
-  /// object. Throws DamageError if the container is shorter than that.
+  /// object. Throws DamageError if the container is shorter than that or is gone.
   void Read(const Location& where, std::uint32_t from, std::uint32_t size, char* out) const;
 
   std::uint64_t containers() const { return containers_; }    ///< made by this object

@@ -26,8 +26,8 @@ class ObjectStore {
   Stored Put(std::string_view bytes);
 
   /// Reads [objOff, objOff + size) of an object into `out`. The object is found by its fingerprint.
-  /// Throws DamageError if there is none in the container that `id` names, or if it is shorter, and
-  /// StoreError if its container cannot be read.
+  /// Throws DamageError if there is none in the container that `id` names, if it is shorter, or if
+  /// that container is gone or cut, and StoreError if it cannot be read.
   void Read(const DataCacheNode::ObjectID& id, std::int64_t objOff, std::uint32_t size,
             char* out) const;
 

@@ -3,27 +3,25 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <limits>
 #include <stdexcept>
 
 #include "refhost/store/store_error.h"
 
 namespace zefs::refhost {
 
-namespace {
-
-/// Copies begin at pages, so that no page is written for two of them.
-constexpr std::int64_t kPage = 4096;
-
-}  // namespace
-
 PlainCopies::PlainCopies(const std::string& path)
     : file_(FileHandle::Open(path, O_RDWR | O_CREAT | O_EXCL)) {}
+
+bool PlainCopies::Fits(std::int64_t room) const {
+  return room < std::numeric_limits<std::int64_t>::max() - kCopyAlignment - end_;
+}
 
 PlainCopies::Copy PlainCopies::Begin(std::int64_t room) {
   Copy copy;
   copy.base_ = end_;
   copy.room_ = room;
-  end_ += (room + kPage - 1) / kPage * kPage;
+  end_ += (room + kCopyAlignment - 1) / kCopyAlignment * kCopyAlignment;
   return copy;
 }
 

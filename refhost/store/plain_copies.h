@@ -10,6 +10,9 @@
 
 namespace zefs::refhost {
 
+/// Copies begin at multiples of this, so that no page is written for two of them.
+inline constexpr std::int64_t kCopyAlignment = 4096;
+
 /// Plain copies of files, one behind the other in one scratch file, for a store's files to be
 /// compared with. One file, because a file system takes longer to remove thousands of them than to
 /// write them. Offsets are those of the copied file. Failures are StoreErrors. Not synchronised.
@@ -30,8 +33,12 @@ class PlainCopies {
   /// Makes the scratch file at `path`, where there must be none.
   explicit PlainCopies(const std::string& path);
 
-  /// Begins a copy that will be changed and grow up to `room` bytes. Room that is not used takes no
-  /// place on the disk.
+  /// Whether a further copy of up to `room` bytes fits into the offsets of the scratch file. None
+  /// with a room of INT64_MAX does.
+  bool Fits(std::int64_t room) const;
+
+  /// Begins a copy that will be changed and grow up to `room` bytes, which fit. Room that is not
+  /// used takes no place on the disk.
   Copy Begin(std::int64_t room);
 
   /// Does to the copy what `change` says; bytes between its old and its new end are zeros. Throws

@@ -32,10 +32,14 @@ WorkDir::~WorkDir() {
 }
 
 void WorkDir::MakeFresh() {
-  std::error_code error;
-  std::string name = (fs::temp_directory_path(error) / "zefs-check-XXXXXX").string();
-  if (error || ::mkdtemp(name.data()) == nullptr) {
-    throw SystemError("make a directory for", "temporary files", error ? error.value() : errno);
+  const char* const given = std::getenv("TMPDIR");
+  const fs::path place = given != nullptr && *given != '\0' ? given : "/tmp";
+  std::string name = (place / "zefs-check-XXXXXX").string();
+  if (::mkdtemp(name.data()) == nullptr) {
+    const int code = errno;
+    throw StoreError("cannot make a directory in " + place.string() + ": " + ReasonOf(code) +
+                         "; --store or TMPDIR choose another place",
+                     code);
   }
   path_ = name;
   made_.push_back(path_);

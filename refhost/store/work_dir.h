@@ -10,9 +10,9 @@ namespace zefs::refhost {
 /// it made is removed again at the end unless it is to be kept, and nothing else.
 class WorkDir {
  public:
-  /// Uses `directory`, made if it is missing, or a fresh one in the system's place for temporary
-  /// files if the text is empty. Throws StoreError if it cannot be made or written, or is not
-  /// empty.
+  /// Uses `directory`, made if it is missing, or a fresh one in the place for temporary files (the
+  /// environment's TMPDIR, else /tmp) if the text is empty. Throws StoreError if it cannot be made
+  /// or written, or is not empty.
   WorkDir(const std::string& directory, bool keep);
   ~WorkDir();
   WorkDir(const WorkDir&) = delete;

@@ -143,6 +143,30 @@ TEST_F(ReplayCommandTest, AFileThatCannotBeReadIsStatusTwoAndOneLine) {
   EXPECT_TRUE(IsOneLine(cut.err));
 }
 
+TEST_F(ReplayCommandTest, DataBehindTheGzipDataIsStatusTwoAndOneLine) {
+  test::AppendGzip(path_, kTrace);
+  test::WriteFile(path_, test::ReadFile(path_) + "W 0 1\n");
+  const Outcome outcome = Run("replay --json '" + path_ + "'");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, path_ +
+                             ": cannot be read after line 3: data behind the end of the gzip "
+                             "data\n");
+}
+
+TEST_F(ReplayCommandTest, ControlCharactersOfTheNameDoNotReachTheTerminal) {
+  const std::string name = (directory_ / "tr\x1b[2Jace").string();
+  const std::string shown = (directory_ / "tr\\x1b[2Jace").string();
+  EXPECT_EQ(Run("replay '" + name + "'").err,
+            shown + ": cannot be opened: No such file or directory\n");
+  test::WriteFile(name, "D 0 1\n");
+  EXPECT_THAT(Run("replay '" + name + "'").err, StartsWith(shown + ":1: unknown operation"));
+  EXPECT_THAT(Run("check '" + name + "x'").err, HasSubstr(shown + "x' does not exist"));
+  test::WriteFile(name, kTrace);
+  const Outcome fine = Run("replay --json '" + name + "'");
+  EXPECT_EQ(nlohmann::json::parse(fine.out).at("trace"), name);
+}
+
 TEST_F(ReplayCommandTest, ADifferenceIsStatusOneAndOneLine) {
   Trace("W 0 10\nW 4 2\nR 0 10\n");
   const Outcome outcome = RunFaulty(test::Fault::kLosesAWrite, false);
@@ -193,6 +217,9 @@ TEST_F(ReplayCommandTest, BadUsageIsStatusTwoAndNamesWhatIsWrong) {
                                                         {"--frobnicate", "--frobnicate"},
                                                         {"replay", "TRACE is required"},
                                                         {"replay --frobnicate x", "--frobnicate"},
+                                                        {"replay -dash", "option: -dash "},
+                                                        {"check -dash", "option: -dash "},
+                                                        {"check", "PATH is required"},
                                                         {"replay x y", "y"}}) {
     const Outcome outcome = Run(arguments);
     EXPECT_EQ(outcome.status, 2) << arguments;

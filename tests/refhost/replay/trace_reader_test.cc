@@ -1,5 +1,9 @@
 #include "refhost/replay/trace_reader.h"
 
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -170,7 +174,69 @@ TEST_F(TraceReaderTest, DamagedGzipIsTold) {
   std::string content = test::ReadFile(path_);
   content[content.size() - 6] = static_cast<char>(content[content.size() - 6] ^ 1);  // checksum
   test::WriteFile(path_, content);
-  EXPECT_THAT(ErrorText(), ::testing::HasSubstr("damaged gzip data: "));
+  EXPECT_EQ(ErrorText(),
+            ": cannot be read after line 30000: damaged gzip data: incorrect data check");
+  content[3] = static_cast<char>(0xff);  // flags
+  test::WriteFile(path_, content);
+  EXPECT_EQ(ErrorText(), ": cannot be read: damaged gzip data: unknown header flags set");
+}
+
+TEST_F(TraceReaderTest, DataBehindTheGzipDataIsToldOnceAllLinesAreRead) {
+  for (const std::string behind : {"W 0 1\n", "x", "\n", "\x1f", "\x1fW 0 1\n"}) {
+    for (const std::size_t lines : {std::size_t{2}, std::size_t{30000}}) {
+      test::WriteFile(path_, "");
+      std::vector<std::string> text = ManyLines();
+      text.resize(lines);
+      test::AppendGzip(path_, Joined(text));
+      test::WriteFile(path_, test::ReadFile(path_) + behind);
+      EXPECT_EQ(ErrorText(), ": cannot be read after line " + std::to_string(lines) +
+                                 ": data behind the end of the gzip data");
+    }
+  }
+  test::AppendGzip(path_, "R 0 1\n");  // a member behind what is none
+  EXPECT_THAT(ErrorText(), ::testing::EndsWith("data behind the end of the gzip data"));
+}
+
+TEST_F(TraceReaderTest, DamagedOrCutSecondMemberIsTold) {
+  test::AppendGzip(path_, "W 0 1\n");
+  const std::string first = test::ReadFile(path_);
+  for (const auto& [second, reason] : std::vector<std::pair<std::string, std::string>>{
+           {"\x1f\x8b", "the gzip data is cut short"},
+           {"\x1f\x8bxxxxxxxx", "damaged gzip data: unknown compression method"}}) {
+    test::WriteFile(path_, first + second);
+    EXPECT_EQ(ErrorText(), ": cannot be read after line 1: " + reason);
+  }
+}
+
+TEST_F(TraceReaderTest, EmptyMembersAreNoEnd) {
+  test::AppendGzip(path_, "");
+  test::AppendGzip(path_, "W 0 1\n");
+  test::AppendGzip(path_, "");
+  test::AppendGzip(path_, "R 0 1\n");
+  EXPECT_THAT(Lines(), ElementsAre("W 0 1", "R 0 1"));
+}
+
+TEST_F(TraceReaderTest, OneByteOfAGzipHeaderIsPlainText) {
+  test::WriteFile(path_, "\x1f");
+  EXPECT_THAT(Lines(), ElementsAre("\x1f"));
+}
+
+TEST_F(TraceReaderTest, GzipThatComesByteByByteThroughAPipe) {
+  test::AppendGzip(path_, "W 0 1\n");
+  test::AppendGzip(path_, "R 0 1\n");
+  const std::string content = test::ReadFile(path_);
+  int ends[2] = {-1, -1};
+  ASSERT_EQ(pipe(ends), 0);
+  std::thread writer([&] {
+    for (const char byte : content) {
+      EXPECT_EQ(write(ends[1], &byte, 1), 1);
+    }
+    close(ends[1]);
+  });
+  path_ = "/dev/fd/" + std::to_string(ends[0]);
+  EXPECT_THAT(Lines(), ElementsAre("W 0 1", "R 0 1"));
+  writer.join();
+  close(ends[0]);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <limits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -63,6 +64,29 @@ TEST(ChangePlan, HoldsEveryKindOfChange) {
   EXPECT_GE(seen.cuts, 40);
   EXPECT_GE(seen.growths, 10);
   EXPECT_GE(seen.behindEnd, 50);
+}
+
+TEST(ChangePlan, WritesNoMoreThanIsToldWhateverTheSize) {
+  constexpr std::uint32_t kSegment = 4096;
+  for (const std::int64_t size : {0, 1, 100, 1000, 4095, 4096, 4097, 8191, 8192, 100000}) {
+    std::uint64_t most = 0;
+    for (std::uint64_t seed = 0; seed < 2000; ++seed) {
+      std::uint64_t written = 0;
+      for (const Change& change : PlanChanges(size, kSegment, seed)) {
+        written += change.bytes.size();
+      }
+      most = std::max(most, written);
+    }
+    EXPECT_LE(most, std::uint64_t{kMostWrittenInSegments} * kSegment) << size;
+    EXPECT_LE(LargestSize(size, kSegment), size + kMostGrowthInSegments * std::int64_t{kSegment});
+  }
+}
+
+TEST(ChangePlan, FileThatCouldOutgrowEveryOffsetHasTheLargestSize) {
+  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  EXPECT_EQ(kMax, LargestSize(kMax, 1 << 20));
+  EXPECT_EQ(kMax, LargestSize(kMax - 7 * 512 + 1, 512));
+  EXPECT_EQ(kMax - 1, LargestSize(kMax - 7 * 512 - 1, 512));
 }
 
 TEST(ChangePlan, ChangesEmptyAndTinyFilesToo) {

@@ -5,6 +5,7 @@
 #include <sstream>
 #include <string>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <CLI/App.hpp>
@@ -27,6 +28,7 @@ namespace fs = boost::filesystem;
 using test::TempDir;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 int LinesOf(const std::string& text) {
@@ -138,7 +140,52 @@ TEST_F(CheckCommand, TreeWithoutFilesIsStatusTwo) {
   fs::create_directory(dir / "none");
   options.paths = {In("none")};
   EXPECT_EQ(kExitCannotRun, Run());
-  EXPECT_EQ("zefs-host check: no readable file among the 0 found, 0 skipped\n", err.str());
+  EXPECT_EQ(
+      "zefs-host check: no readable file among the 0 found, 0 skipped, 0 passed over as not "
+      "regular\n",
+      err.str());
+}
+
+TEST_F(CheckCommand, WhereNoFileCouldBeReadEachIsNamedBeforeThat) {
+  fs::permissions(dir / "tree/one", fs::no_perms);
+  fs::permissions(dir / "tree/two", fs::no_perms);
+  fs::create_symlink(dir / "nowhere", dir / "tree/link");
+  options.storeDirectory.clear();
+  for (const bool json : {false, true}) {
+    err.str("");
+    const test::AsOrdinaryUser user(dir.path());
+    EXPECT_EQ(kExitCannotRun, Run(json));
+    EXPECT_EQ("skipped " + In("tree/one") + ": Permission denied (EACCES)\nskipped " +
+                  In("tree/two") +
+                  ": Permission denied (EACCES)\nzefs-host check: no readable file among the 2 "
+                  "found, 2 skipped, 1 passed over as not regular\n",
+              err.str());
+    EXPECT_EQ("", out.str());
+  }
+}
+
+TEST_F(CheckCommand, ControlCharactersOfNamesDoNotReachTheTerminal) {
+  options.paths.push_back(In("gone\x1b[2J\n"));
+  options.storeDirectory = In("st\x07ore");
+  options.keep = true;
+  EXPECT_EQ(kExitFine, Run());
+  EXPECT_EQ("skipped " + In("gone\\x1b[2J\\x0a") + ": No such file or directory (ENOENT)\n",
+            err.str());
+  EXPECT_THAT(out.str(), HasSubstr(In("st\\x07ore")));
+  EXPECT_THAT(out.str(), Not(HasSubstr("\x07")));
+  fs::remove_all(dir / "st\x07ore");
+  out.str("");
+  EXPECT_EQ(kExitFine, Run(true));
+  EXPECT_EQ(options.storeDirectory, nlohmann::json::parse(out.str()).at("store"));
+}
+
+TEST_F(CheckCommand, VanishedContainerIsADifference) {
+  options.containerBytes = 8192;
+  const auto plant = [&](FileStore*) { fs::remove(dir / "store/containers/64"); };
+  EXPECT_EQ(kExitDifference, Run(false, plant));
+  EXPECT_THAT(err.str(),
+              AllOf(StartsWith("difference in " + In("tree/one") + " at offset 0: extent ["),
+                    HasSubstr("container " + In("store/containers/64") + " is gone\n")));
 }
 
 TEST_F(CheckCommand, SegmentSizeThatIsNoneIsStatusTwo) {
@@ -185,6 +232,73 @@ TEST_F(CheckCommand, InterruptRemovesTheStoreAndIsStatusTwo) {
   EXPECT_FALSE(fs::exists(dir / "store"));
 }
 
+TEST_F(CheckCommand, HangUpRemovesTheStoreToo) {
+  EXPECT_EQ(kExitCannotRun, Run(false, [](FileStore*) { std::raise(SIGHUP); }));
+  EXPECT_EQ("zefs-host check: interrupted\n", err.str());
+  EXPECT_FALSE(fs::exists(dir / "store"));
+}
+
+TEST_F(CheckCommand, IgnoredHangUpDoesNotEndIt) {
+  const auto before = std::signal(SIGHUP, SIG_IGN);
+  EXPECT_EQ(kExitFine, Run(false, [](FileStore*) { std::raise(SIGHUP); }));
+  std::signal(SIGHUP, before);
+}
+
+TEST_F(CheckCommand, InterruptedOneTellsWhereItsStoreIsKept) {
+  options.keep = true;
+  EXPECT_EQ(kExitCannotRun, Run(false, [](FileStore*) { std::raise(SIGTERM); }));
+  EXPECT_EQ("zefs-host check: interrupted\nstore kept in " + In("store") + "\n", err.str());
+  EXPECT_TRUE(fs::exists(dir / "store/copies"));
+  err.str("");
+  EXPECT_EQ(kExitCannotRun, Run()) << "the store is not empty";
+  EXPECT_EQ(1, LinesOf(err.str())) << "no store was made";
+}
+
+TEST_F(CheckCommand, NamesThatLookLikeAListAreFiles) {
+  const fs::path before = fs::current_path();
+  fs::current_path(dir / "tree");
+  const std::vector<std::string> names{"[d]", "[a,b]", "[]", "{}", "%%", "check", "two"};
+  std::vector<std::string> arguments{"check", "--json", "--"};
+  for (const std::string& name : names) {
+    test::WriteFile(name, name);
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(kExitFine, Parse({"check", name, "--json"})) << err.str();
+    EXPECT_EQ(1, nlohmann::json::parse(::testing::internal::GetCapturedStdout()).at("files"));
+    arguments.push_back(name);
+  }
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(kExitFine, Parse(arguments));
+  EXPECT_EQ(names.size(),
+            nlohmann::json::parse(::testing::internal::GetCapturedStdout()).at("files"));
+  fs::current_path(before);
+}
+
+TEST_F(CheckCommand, PathBehindAClosedDirectoryIsSkippedAndNotSaidToBeGone) {
+  fs::create_directory(dir / "closed");
+  test::WriteFile(dir / "closed/file", "x");
+  fs::permissions(dir / "closed", fs::no_perms);
+  ::testing::internal::CaptureStdout();
+  ::testing::internal::CaptureStderr();
+  int status = 0;
+  {
+    const test::AsOrdinaryUser user(dir.path());
+    status = Parse({"check", In("closed/file"), In("tree")});
+  }
+  ::testing::internal::GetCapturedStdout();
+  EXPECT_EQ(kExitFine, status) << err.str();
+  EXPECT_EQ("skipped " + In("closed/file") + ": Permission denied (EACCES)\n",
+            ::testing::internal::GetCapturedStderr());
+}
+
+TEST_F(CheckCommand, HelpTellsTheRoomThatIsNeeded) {
+  CLI::App app;
+  int status = 0;
+  AddCheckCommand(app, &status);
+  EXPECT_THAT(app.get_subcommand("check")->help(),
+              AllOf(HasSubstr("twice the bytes of the files"), HasSubstr("16 segments"),
+                    HasSubstr("4096 bytes")));
+}
+
 TEST_F(CheckCommand, ArgumentsReachTheCheck) {
   ::testing::internal::CaptureStdout();
   const int status = Parse({"check", In("tree"), "--store", In("store"), "--keep", "--segment-size",
@@ -195,6 +309,15 @@ TEST_F(CheckCommand, ArgumentsReachTheCheck) {
   EXPECT_EQ(9, json.at("seed"));
   EXPECT_EQ(In("store"), json.at("store"));
   EXPECT_TRUE(fs::exists(dir / "store/containers/64"));
+}
+
+TEST_F(CheckCommand, TheLargestSeedAndLeadingNoughtsAreTakenAsTheyStand) {
+  for (const auto& [text, seed] : std::vector<std::pair<std::string, std::uint64_t>>{
+           {"18446744073709551615", 18446744073709551615U}, {"010", 10}, {"0", 0}}) {
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(kExitFine, Parse({"check", In("tree"), "--seed", text, "--json"}));
+    EXPECT_EQ(seed, nlohmann::json::parse(::testing::internal::GetCapturedStdout()).at("seed"));
+  }
 }
 
 TEST_F(CheckCommand, BadArgumentsAreRefusedByName) {
@@ -214,6 +337,14 @@ TEST_F(CheckCommand, BadArgumentsAreRefusedByName) {
            Case{{"check", In("tree"), "--segment-size", "many"}, "many"},
            Case{{"check", In("tree"), "--segment-size", "99999999999999999999"}, "--segment-size"},
            Case{{"check", In("tree"), "--seed", "x"}, "--seed"},
+           Case{{"check", In("tree"), "--seed", "-1"}, "seed '-1' is not a decimal number from 0"},
+           Case{{"check", In("tree"), "--seed", "18446744073709551616"}, "18446744073709551616"},
+           Case{{"check", In("tree"), "--seed", ""}, "seed '' is not"},
+           Case{{"check", In("tree"), "--seed", "0x10"}, "seed '0x10' is not"},
+           Case{{"check", In("tree"), "--seed", " 1"}, "seed ' 1' is not"},
+           Case{{"check", In("tree"), "--store", ""}, "--store: "},
+           Case{{"check", In("tree"), ""}, "'' does not exist"},
+           Case{{"check", In("tree/two/x")}, "Not a directory (ENOTDIR)"},
            Case{{"check", In("tree"), "--nonsense"}, "--nonsense"},
        }) {
     SCOPED_TRACE(::testing::PrintToString(c.arguments));

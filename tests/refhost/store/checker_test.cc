@@ -1,13 +1,18 @@
 #include "refhost/store/checker.h"
 
 #include <cerrno>
+#include <limits>
 #include <stdexcept>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include <boost/filesystem/operations.hpp>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include "refhost/store/change_plan.h"
+#include "refhost/store/plain_copies.h"
 #include "refhost/store/store_error.h"
 #include "tests/refhost/store/store_fixture.h"
 
@@ -179,7 +184,7 @@ TEST_F(Checker, OnlyUnreadableFilesCannotRun) {
   options.paths = {(dir / "tree/large").string()};
   options.storeDirectory.clear();
   const test::AsOrdinaryUser user(dir.path());
-  EXPECT_EQ("no readable file among the 1 found, 1 skipped",
+  EXPECT_EQ("no readable file among the 1 found, 1 skipped, 0 passed over as not regular",
             ThrownText<StoreError>([&] { RunCheck(options); }));
 }
 
@@ -228,10 +233,49 @@ TEST_F(Checker, FileThatShrinksAfterItWasListedIsTakenAsItIs) {
   EXPECT_EQ(51005U, result.sourceBytes);
 }
 
+TEST_F(Checker, ManySmallFilesStayWithinTheRoomThatIsTold) {
+  fs::remove_all(dir / "tree");
+  fs::create_directory(dir / "tree");
+  constexpr std::uint64_t kFiles = 200;
+  for (std::uint64_t i = 0; i < kFiles; ++i) {
+    test::WriteFile(dir / ("tree/" + std::to_string(i)), std::string(300 + i, 'x'));
+  }
+  options.keep = true;
+  const CheckResult result = RunCheck(options);
+  EXPECT_EQ(kFiles, result.files);
+  struct stat copies {};
+  ASSERT_EQ(0, stat((dir / "store/copies").c_str(), &copies));
+  const std::uint64_t used =
+      result.storedBytes + static_cast<std::uint64_t>(copies.st_blocks) * 512;
+  EXPECT_GT(used, 4 * result.sourceBytes) << "twice the size is not enough";
+  EXPECT_LE(used,
+            2 * result.sourceBytes +
+                kFiles * ((kMostWrittenInSegments + kMostGrowthInSegments) * options.segmentSize +
+                          std::uint64_t{kCopyAlignment}));
+}
+
+/// Needs a file system with files of any size; one in memory has them.
+TEST_F(Checker, FileTooLargeToBeCopiedAndChangedIsSkipped) {
+  const fs::path huge = "/dev/shm/" + dir.path().filename().string();
+  test::WriteFile(huge, "");
+  const bool made = truncate(huge.c_str(), std::numeric_limits<off_t>::max()) == 0;
+  options.paths.push_back(huge.string());
+  const CheckResult result = made ? RunCheck(options) : CheckResult{};
+  fs::remove(huge);
+  if (!made) {
+    GTEST_SKIP() << "no file of that size can be made here";
+  }
+  EXPECT_FALSE(result.difference.has_value());
+  EXPECT_EQ(4U, result.files);
+  ASSERT_EQ(1U, result.skipped.size());
+  EXPECT_EQ(huge.string(), result.skipped[0].path);
+  EXPECT_EQ(0U, result.skipped[0].reason.find("too large: "));
+}
+
 TEST_F(Checker, NoFileAtAllCannotRun) {
   fs::create_directory(dir / "none");
   options.paths = {(dir / "none").string()};
-  EXPECT_EQ("no readable file among the 0 found, 0 skipped",
+  EXPECT_EQ("no readable file among the 0 found, 0 skipped, 0 passed over as not regular",
             ThrownText<StoreError>([&] { RunCheck(options); }));
   EXPECT_FALSE(fs::exists(dir / "store"));
 }

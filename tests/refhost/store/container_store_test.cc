@@ -122,8 +122,8 @@ TEST(ContainerStore, LostContainerIsNamed) {
   const Location where = store.Append("a");
   store.Append("b");
   boost::filesystem::remove(dir / "64");
-  EXPECT_EQ("cannot open " + (dir / "64").string() + ": No such file or directory (ENOENT)",
-            ThrownText<StoreError>([&] { ReadBack(store, where); }));
+  EXPECT_EQ("container " + (dir / "64").string() + " is gone",
+            ThrownText<DamageError>([&] { ReadBack(store, where); }));
 }
 
 TEST(ContainerStore, MissingOrWrongDirectoryIsNamed) {

@@ -1,5 +1,6 @@
 #include "refhost/store/plain_copies.h"
 
+#include <limits>
 #include <stdexcept>
 #include <string>
 
@@ -62,6 +63,18 @@ TEST_F(Copies, OutgrowingTheRoomChangesNothing) {
   EXPECT_THROW(copies.Write(4, "5", &copy), std::length_error);
   EXPECT_THROW(Cut(5, &copy), std::length_error);
   EXPECT_EQ("1234", ReadAll(copy));
+}
+
+TEST_F(Copies, WhatReachesBeyondTheLargestOffsetDoesNotFit) {
+  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  EXPECT_FALSE(copies.Fits(kMax));
+  EXPECT_TRUE(copies.Fits(kMax / 2));
+  copies.Begin(kMax / 2);
+  EXPECT_TRUE(copies.Fits(kMax / 2 - 3 * kCopyAlignment));
+  EXPECT_FALSE(copies.Fits(kMax / 2 + 1));
+  copies.Begin(kMax / 2 - 3 * kCopyAlignment);
+  EXPECT_FALSE(copies.Fits(3 * kCopyAlignment));
+  EXPECT_TRUE(copies.Fits(0));
 }
 
 TEST_F(Copies, ReadBehindTheEndGivesNothing) {

@@ -1,5 +1,6 @@
 #include "refhost/store/work_dir.h"
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -73,6 +74,28 @@ TEST(WorkDir, DirectoryThatMayNotBeWrittenIsRefused) {
   const test::AsOrdinaryUser user(dir.path());
   EXPECT_EQ("cannot create " + (dir / "s/containers").string() + ": Permission denied (EACCES)",
             ThrownText<StoreError>([&] { WorkDir((dir / "s").string(), false); }));
+}
+
+TEST(WorkDir, PlaceForTemporaryFilesThatIsNoneIsNamed) {
+  const TempDir dir;
+  const char* const given = std::getenv("TMPDIR");
+  const std::string before = given != nullptr ? given : "";
+  setenv("TMPDIR", (dir / "gone").c_str(), 1);
+  EXPECT_EQ("cannot make a directory in " + (dir / "gone").string() +
+                ": No such file or directory (ENOENT); --store or TMPDIR choose another place",
+            ThrownText<StoreError>([&] { WorkDir("", false); }));
+  fs::create_directory(dir / "shut");
+  fs::permissions(dir / "shut", static_cast<fs::perms>(0555));
+  setenv("TMPDIR", (dir / "shut").c_str(), 1);
+  {
+    const test::AsOrdinaryUser user(dir.path());
+    EXPECT_EQ("cannot make a directory in " + (dir / "shut").string() +
+                  ": Permission denied (EACCES); --store or TMPDIR choose another place",
+              ThrownText<StoreError>([&] { WorkDir("", false); }));
+  }
+  setenv("TMPDIR", "", 1);
+  EXPECT_EQ(0U, WorkDir("", false).path().find("/tmp/zefs-check-"));
+  given != nullptr ? setenv("TMPDIR", before.c_str(), 1) : unsetenv("TMPDIR");
 }
 
 TEST(WorkDir, MissingParentIsRefused) {
