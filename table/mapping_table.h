@@ -133,8 +133,8 @@ class ZEFS_EXTMAP_API CMappingTable {
   virtual int setFileSize(long size);
 
   /// Drops everything at and above `size`; an extent that spans it keeps its front. `trace`, if not
-  /// null, gets the line of the front and, if anything was dropped, a newline at the end. Returns 0. Takes tableLock_
-  /// exclusively.
+  /// null, gets the line of the front and, if anything was dropped, a newline at the end. Returns
+  /// 0. Takes tableLock_ exclusively.
   virtual int truncate(long size, FILE* trace);
 
   /// The recorded file size. Here: 0.
