@@ -10,11 +10,13 @@
 #include "host/zefs_log.h"
 #include "refhost/host/log_recorder.h"
 #include "table/mapping_table.h"
+#include "tests/table/code_of.h"
 
 namespace {
 
 using namespace Aldenta::Qnd::Morene::Zefs;
 using zefs::refhost::LogRecorder;
+using zefs::test::CodeOf;
 
 class FactoryTest : public testing::Test {
  protected:
@@ -52,17 +54,6 @@ TEST_F(FactoryTest, WithoutTheSettingThePathFunctionsReturnZeroAndTouchNothing) 
   EXPECT_EQ(0, GetMapIndexSet("/volume/file", &indices));
   EXPECT_THAT(indices, testing::ElementsAre("as", "it", "was"));
   EXPECT_THAT(Lines(), testing::IsEmpty());
-}
-
-/// The code of the SysException that `call` throws; 0 if it throws none.
-template <typename Call>
-int CodeOf(Call call) {
-  try {
-    call();
-  } catch (const SysException& e) {
-    return e.code;
-  }
-  return 0;
 }
 
 TEST_F(FactoryTest, ThePersistentTableIsRefusedWithALineThatSaysWhy) {

@@ -5,11 +5,13 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/vtable_slot.h"
+#include "tests/table/code_of.h"
 #include "tests/table/table_fixture.h"
 
 namespace {
 
 using namespace Aldenta::Qnd::Morene::Zefs;
+using zefs::test::CodeOf;
 using zefs::test::Oid;
 using zefs::test::SlotOf;
 using zefs::test::TableTest;
@@ -228,16 +230,6 @@ struct Foreign : CMappingTable::iteratorbase {
   bool operator==(const iteratorbase&) const override { return true; }
   bool operator!=(const iteratorbase&) const override { return false; }
 };
-
-template <typename Call>
-int CodeOf(Call call) {
-  try {
-    call();
-  } catch (const SysException& e) {
-    return e.code;
-  }
-  return 0;
-}
 
 TEST_F(IteratorValueTest, AForeignOperandThrowsFourteen) {
   AppendRow(1);
