@@ -1,8 +1,9 @@
-#include <cerrno>
+#include <utility>
 
 #include "host/config.h"
 #include "host/zefs_log.h"
 #include "table/mapping_table.h"
+#include "table/persistent_tables.h"
 
 // Which of the two tables the host gets.
 
@@ -18,42 +19,34 @@ void LogChoice() {
   ZEFS_LOG(zefs::kLogTrace, "using CMappingLMDB");
 }
 
-[[noreturn]] void RefusePersistentTable() {
-  ZEFS_LOG(zefs::kLogFailure,
-           "useLmdbTable is set, but this version of the library has no persistent table");
-  throw SysException(ENOSYS);
-}
-
 }  // namespace
 
-CMappingTable* CreateMappingTable(zefs::DataCacheManagementInterface* dci,
-                                  // NOLINTNEXTLINE(performance-unnecessary-value-param): as given
-                                  std::string /*tableType*/) {
+CMappingTable* CreateMappingTable(zefs::DataCacheManagementInterface* dci, std::string tableType) {
   ZEFS_LOG(zefs::kLogTrace, "CreateMappingTable()");
   if (!PersistentTablesWanted()) {
     return new CMappingTable(dci);
   }
   LogChoice();
-  RefusePersistentTable();
+  return NewPersistentTable(dci, std::move(tableType));
 }
 
 int GetMapRelativePath(const std::string& path, std::string* out) {
   return GetMapAbsolutePath(path, out);
 }
 
-int GetMapAbsolutePath(const std::string& /*path*/, std::string* /*out*/) {
+int GetMapAbsolutePath(const std::string& path, std::string* out) {
   if (!PersistentTablesWanted()) {
     return 0;
   }
   LogChoice();
-  RefusePersistentTable();
+  return PersistentMapAbsolutePath(path, out);
 }
 
-int GetMapIndexSet(const std::string& /*path*/, std::set<std::string>* /*out*/) {
+int GetMapIndexSet(const std::string& path, std::set<std::string>* out) {
   if (!PersistentTablesWanted()) {
     return 0;
   }
-  RefusePersistentTable();
+  return PersistentMapIndexSet(path, out);
 }
 
 }  // namespace Aldenta::Qnd::Morene::Zefs

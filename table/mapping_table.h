@@ -322,14 +322,13 @@ class ZEFS_EXTMAP_API CMappingTable {
 
 /// Makes a table of the kind that ZefsConfig asks for. The caller owns it and deletes it through
 /// this class. `tableType` concerns the persistent table only, which needs one load() before
-/// anything else. Throws SysException(ENOSYS) if the persistent table is asked for: this version
-/// does not have it.
+/// anything else.
 ZEFS_EXTMAP_API CMappingTable* CreateMappingTable(zefs::DataCacheManagementInterface* dci,
                                                   std::string tableType);
 
 /// Where a table lies, and which indices its directory holds. With tables in memory: return 0 and
-/// leave `*out` alone. The first two are one behaviour under two names. Otherwise as
-/// CreateMappingTable.
+/// leave `*out` alone. The first two are one behaviour under two names. With persistent tables:
+/// throw SysException(ENOSYS), this version does not have them.
 ZEFS_EXTMAP_API int GetMapRelativePath(const std::string& path, std::string* out);
 ZEFS_EXTMAP_API int GetMapAbsolutePath(const std::string& path, std::string* out);
 ZEFS_EXTMAP_API int GetMapIndexSet(const std::string& path, std::set<std::string>* out);

@@ -12,6 +12,7 @@
 #include "table/mapping_table.h"
 #include "table/tree_iterator.h"
 #include "table/tree_nodes.h"
+#include "tests/support/oid.h"
 
 namespace Aldenta::Qnd::Morene::Zefs {
 
@@ -42,19 +43,6 @@ struct MappingTableTestPeer {
 namespace zefs::test {
 
 namespace lib = Aldenta::Qnd::Morene::Zefs;
-
-/// An object id whose fingerprint starts with `tag`.
-inline lib::ObjectID Oid(std::uint64_t dcid, unsigned int tag = 1) {
-  lib::ObjectID oid;
-  oid.dcid = dcid;
-  for (std::size_t i = 0; i < sizeof(tag); ++i) {
-    oid.fp[i] = static_cast<unsigned char>(tag >> (8 * i));
-  }
-  oid.attrByte = static_cast<std::uint8_t>(tag + 1);
-  oid.attrWord = tag + 2;
-  oid.attrFlag = static_cast<std::uint8_t>(tag + 3);
-  return oid;
-}
 
 /// What a test compares of an extent: its range, its place in the object, its container.
 struct Seen {

@@ -1,0 +1,276 @@
+#include <algorithm>
+
+#include "host/zefs_log.h"
+#include "persistent/mapping_lmdb.h"
+#include "persistent/transaction.h"
+#include "table/fingerprint.h"
+
+// File size, commit counter, object id and version of a table, stored beside its extents.
+
+namespace Aldenta::Qnd::Morene::Zefs {
+
+namespace {
+
+using zefs::kLogFailure;
+using zefs::kLogTrace;
+
+constexpr std::uint64_t kLastUnsetDoidDcid = 64;  ///< a table's object id starts above this
+
+long long Printed(std::int64_t number) {
+  return static_cast<long long>(number);
+}
+
+/// "update do id" and its failures print the container under %ld.
+long PrintedDcid(const ObjectID& id) {
+  return static_cast<long>(id.dcid);
+}
+
+}  // namespace
+
+// --- file size and version ---------------------------------------------------------------------
+
+long CMappingLMDB::GetFileSize(LMDBContext* db) {
+  const Transaction transaction(*db, Transaction::kReadOnly, path_);
+  MDB_val value;
+  const int ret = transaction.Get(SPECIAL_KEY_FILE_SIZE, &value);
+  if (ret == MDB_NOTFOUND) {
+    return 0;
+  }
+  if (ret != 0) {
+    ZEFS_LOG(kLogFailure, "Failed to get file size, ret:%d", ret);
+    throw SysException(ret);
+  }
+  const long size = SpecialValue(value).Number();
+  ZEFS_LOG(kLogTrace, "Get file size %lld, db=%s", Printed(size), db->path.c_str());
+  return size;
+}
+
+int CMappingLMDB::CheckAndLoadSpecialItems(LMDBContext* db, long size) {
+  Transaction transaction(*db, Transaction::kWrite, path_);
+  MDB_val value;
+  int ret = transaction.Get(SPECIAL_KEY_FILE_SIZE, &value);
+  if (ret == MDB_NOTFOUND) {
+    fileSize_ = size;
+    ZEFS_LOG(kLogTrace, "Not found file size, set to 0");
+  } else if (ret == 0) {
+    fileSize_ = std::max<std::int64_t>(SpecialValue(value).Number(), size);
+    ZEFS_LOG(kLogTrace, "Get file size %lld", Printed(fileSize_));
+  } else {
+    ZEFS_LOG(kLogFailure, "Failed to get file size, ret:%d", ret);
+    throw SysException(ret);
+  }
+  committedFileSize_ = fileSize_;
+
+  ret = transaction.Get(SPECIAL_KEY_LMDB_VERSION, &value);
+  if (ret == 0) {
+    extMapVersion_ = SpecialValue(value).Version();
+    transaction.Abort();
+    ZEFS_LOG(kLogTrace, "Get lmdb version: %i.%i", extMapVersion_.major, extMapVersion_.minor);
+    return 0;
+  }
+  if (ret != MDB_NOTFOUND) {
+    ZEFS_LOG(kLogFailure, "Failed to get lmdb version, ret:%d", ret);
+    throw SysException(ret);
+  }
+  ZEFS_LOG(kLogTrace, "Not found lmdb version, set to default: 1.0");
+  extMapVersion_ = kCurrentVersion;
+  ret = transaction.Put(SPECIAL_KEY_LMDB_VERSION, SpecialValue::OfVersion(extMapVersion_));
+  if (ret != 0) {
+    transaction.Abort();
+    ZEFS_LOG(kLogFailure, "Failed to update lmdb version %i.%i, ret:%d", extMapVersion_.major,
+             extMapVersion_.minor, ret);
+    return ret;
+  }
+  transaction.CloseCursor();
+  return transaction.Commit();
+}
+
+int CMappingLMDB::setFileSize(long size) {
+  // A merge's switch would otherwise close the databases under the transactions below.
+  const SharedLock lock(tableLock_);
+  if (!dataChanged_) {
+    dataChanged_ = true;
+    MakeEmptyDOID(&doid_);
+    SetDOIDUnlocked(&smallDb_, &doid_);
+  }
+  if (size <= committedFileSize_) {
+    ZEFS_LOG(kLogTrace, "CMappingLMDB::setFileSize(), fileSize=%lld not updated to %lld",
+             Printed(fileSize_), Printed(size));
+    return 0;
+  }
+  ZEFS_LOG(kLogTrace, "CMappingLMDB::setFileSize(), fileSize=%lld", Printed(size));
+  Transaction transaction(fullDb_, Transaction::kWrite, path_);
+  int ret = transaction.Put(SPECIAL_KEY_FILE_SIZE, SpecialValue::OfNumber(size));
+  if (ret != 0) {
+    transaction.Abort();
+    ZEFS_LOG(kLogFailure, "Failed to update file size %lld, ret:%d", Printed(fileSize_), ret);
+    return ret;
+  }
+  ret = transaction.CommitLogged();
+  if (ret != 0) {
+    return ret;
+  }
+  fileSize_ = size;
+  committedFileSize_ = size;
+  return 0;
+}
+
+long CMappingLMDB::getFileSize() {
+  return std::max(fileSize_, committedFileSize_);
+}
+
+int CMappingLMDB::setExtMapVersion(ExtMapVersion version) {
+  const SharedLock lock(tableLock_);  // as in setFileSize
+  Transaction transaction(fullDb_, Transaction::kWrite, path_);
+  int ret = transaction.Put(SPECIAL_KEY_LMDB_VERSION, SpecialValue::OfVersion(version));
+  if (ret != 0) {
+    transaction.Abort();
+    ZEFS_LOG(kLogFailure, "Failed to update lmdb version %i.%i, ret:%d", version.major,
+             version.minor, ret);
+    return ret;
+  }
+  ret = transaction.CommitLogged();
+  if (ret != 0) {
+    return ret;
+  }
+  extMapVersion_ = version;
+  ZEFS_LOG(kLogTrace, "Set lmdb version: %i.%i", version.major, version.minor);
+  return 0;
+}
+
+ExtMapVersion CMappingLMDB::getExtMapVersion() const {
+  return extMapVersion_;
+}
+
+// --- commit counter ----------------------------------------------------------------------------
+
+long CMappingLMDB::GetCommitCounter(LMDBContext* db) {
+  Transaction transaction(*db, Transaction::kWrite, path_);
+  MDB_val value;
+  int ret = transaction.Get(SPECIAL_KEY_COMMIT_COUNTER, &value);
+  if (ret == 0) {
+    const long counter = SpecialValue(value).Number();
+    ZEFS_LOG(kLogTrace, "Get table commit counter %lld, db=%s", Printed(counter), db->path.c_str());
+    return counter;
+  }
+  if (ret != MDB_NOTFOUND) {
+    return 0;  // the counter only spaces merges out: a table opens without it
+  }
+  constexpr long kStart = 0;
+  ret = transaction.Put(SPECIAL_KEY_COMMIT_COUNTER, SpecialValue::OfNumber(kStart));
+  if (ret != 0) {
+    ZEFS_LOG(kLogFailure, "Failed to update table commit counter %lld, ret:%d", Printed(kStart),
+             ret);
+    throw SysException(ret);
+  }
+  transaction.CloseCursor();
+  ret = transaction.Commit();
+  if (ret != 0) {
+    ZEFS_LOG(kLogFailure, "Failed to submit txn to update table commit counter, ret:%d", ret);
+    throw SysException(ret);
+  }
+  ZEFS_LOG(kLogTrace, "update table commit counter %lld, ret:%d", Printed(kStart), ret);
+  return kStart;
+}
+
+// --- object id of the table --------------------------------------------------------------------
+
+void CMappingLMDB::MakeEmptyDOID(ObjectID* id) {
+  id->dcid = 0;
+  CRFPStringToDigest_r(CRFPEmptyFP(kCrfpDigestKind), kCrfpDigestKind, id->fp.data());
+}
+
+int CMappingLMDB::GetDOIDUnlocked(LMDBContext* db, ObjectID* out) {
+  Transaction transaction(*db, Transaction::kWrite, path_);
+  ObjectID doid;
+  MakeEmptyDOID(&doid);
+  MDB_val value;
+  int ret = transaction.Get(SPECIAL_KEY_DOID, &value);
+  if (ret == 0) {
+    SpecialValue(value).GetObjectID(&doid);
+    ZEFS_LOG(kLogTrace, "Get do fp %s, dcid %ld, db=%s", TextOf(doid.fp).data(), PrintedDcid(doid),
+             db->path.c_str());
+  } else if (ret == MDB_NOTFOUND) {
+    ret = transaction.Put(SPECIAL_KEY_DOID, SpecialValue::OfObjectID(doid));
+    if (ret != 0) {
+      ZEFS_LOG(kLogFailure, "Failed to put do id fp %s, dcid %ld, ret:%d", TextOf(doid.fp).data(),
+               PrintedDcid(doid), ret);
+      throw SysException(ret);
+    }
+    transaction.CloseCursor();
+    ret = transaction.Commit();
+    if (ret != 0) {
+      ZEFS_LOG(kLogFailure, "Failed to submit txn to put do id, ret:%d", ret);
+      throw SysException(ret);
+    }
+    out->dcid = doid.dcid;
+    out->fp = doid.fp;
+    return 0;
+  }
+  transaction.Abort();
+  // Through the printable form, so that what is kept is what the host's functions can express.
+  const FingerprintText text = TextOf(doid.fp);
+  out->dcid = doid.dcid;
+  CRFPStringToDigest_r(text.data(), kCrfpDigestKind, out->fp.data());
+  ZEFS_LOG(kLogTrace, "%s, dcid:%lld, fp:%s", "GetDOIDUnlocked", static_cast<long long>(doid.dcid),
+           text.data());
+  return 0;
+}
+
+int CMappingLMDB::SetDOIDUnlocked(LMDBContext* db, ObjectID* id) {
+  Transaction transaction(*db, Transaction::kWrite, path_);
+  const FingerprintText text = TextOf(id->fp);
+  int ret = transaction.Put(SPECIAL_KEY_DOID, SpecialValue::OfObjectID(*id));
+  if (ret != 0) {
+    ZEFS_LOG(kLogFailure, "Failed to put do id fp %s, dcid %ld, ret:%d", text.data(),
+             PrintedDcid(*id), ret);
+    throw SysException(ret);
+  }
+  transaction.CloseCursor();
+  ret = transaction.Commit();
+  if (ret != 0) {
+    ZEFS_LOG(kLogFailure, "Failed to submit txn to put do id, ret:%d", ret);
+    throw SysException(ret);
+  }
+  ZEFS_LOG(kLogTrace, "update do id fp %s, dcid %ld, ret:%d", text.data(), PrintedDcid(*id), ret);
+  return 0;
+}
+
+int CMappingLMDB::SetDOID(ObjectID* oid) {
+  const SharedLock lock(tableLock_);
+  if (CRFPIsEmptyDigest(oid->fp.data(), kCrfpDigestKind) == 1 || oid->dcid <= kLastUnsetDoidDcid) {
+    MakeEmptyDOID(&doid_);
+  } else {
+    doid_.dcid = oid->dcid;
+    doid_.fp = oid->fp;
+  }
+  SetDOIDUnlocked(&smallDb_, &doid_);
+  return 0;
+}
+
+int CMappingLMDB::GetDOID(ObjectID* oid) {
+  const SharedLock lock(tableLock_);
+  if (doid_.dcid <= kLastUnsetDoidDcid) {
+    return -1;
+  }
+  oid->dcid = doid_.dcid;
+  oid->fp = doid_.fp;
+  ZEFS_LOG(kLogTrace, "%s, dcid:%lld, fp:%s", "GetDOID", static_cast<long long>(oid->dcid),
+           TextOf(oid->fp).data());
+  return 0;
+}
+
+int CMappingLMDB::ResetDOID(bool persist) {
+  if (dataChanged_) {
+    return 0;
+  }
+  dataChanged_ = true;
+  MakeEmptyDOID(&doid_);
+  if (persist) {
+    const SharedLock lock(tableLock_);  // as in setFileSize
+    SetDOIDUnlocked(&smallDb_, &doid_);
+  }
+  return 0;
+}
+
+}  // namespace Aldenta::Qnd::Morene::Zefs
