@@ -3,15 +3,13 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include <boost/filesystem/operations.hpp>
 
+#include "fuzz/fuzz_support.h"
 #include "sidefiles/dc_offset_store.h"
 #include "tests/support/temp_dir.h"
 
@@ -19,13 +17,8 @@ namespace {
 
 namespace fs = boost::filesystem;
 using namespace Aldenta::Qnd::Morene::Zefs;
-
-void Require(bool condition, const char* what) {
-  if (!condition) {
-    std::fprintf(stderr, "dc_offset_store_fuzz: %s\n", what);
-    std::abort();
-  }
-}
+using zefs::fuzz::Require;
+using zefs::fuzz::WriteFile;
 
 /// The valid records as rows of 56 bytes, found without any help of the store.
 std::vector<std::string> Expected(const std::uint8_t* data, std::size_t size) {
@@ -41,15 +34,6 @@ std::vector<std::string> Expected(const std::uint8_t* data, std::size_t size) {
     }
   }
   return rows;
-}
-
-void WriteFile(const std::string& path, const std::uint8_t* data, std::size_t size) {
-  std::ofstream out(path, std::ios::binary);
-  if (size != 0) {
-    out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-  }
-  out.close();
-  Require(!out.fail(), "the input cannot be written");
 }
 
 }  // namespace

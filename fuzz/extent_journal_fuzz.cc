@@ -3,15 +3,13 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include <boost/filesystem/operations.hpp>
 
+#include "fuzz/fuzz_support.h"
 #include "sidefiles/extent_journal.h"
 
 namespace {
@@ -19,6 +17,8 @@ namespace {
 namespace fs = boost::filesystem;
 using Aldenta::Qnd::Morene::Zefs::Extent;
 using Aldenta::Qnd::Morene::Zefs::ExtentJournal;
+using zefs::fuzz::Require;
+using zefs::fuzz::WriteFile;
 
 /// The directory of this run, gone at its end.
 struct WorkDir {
@@ -33,13 +33,6 @@ struct WorkDir {
   WorkDir& operator=(const WorkDir&) = delete;
   const fs::path path;
 };
-
-void Require(bool condition, const char* what) {
-  if (!condition) {
-    std::fprintf(stderr, "extent_journal_fuzz: %s\n", what);
-    std::abort();
-  }
-}
 
 /// The records as rows of 76 bytes, found without any help of the journal.
 std::vector<std::string> Expected(const std::uint8_t* data, std::size_t size) {
@@ -65,15 +58,6 @@ void RequireRows(const std::vector<std::string>& rows, const std::vector<Extent>
     Require(records[i].end != 0 && records[i].start <= records[i].end, "an invalid record");
     Require(std::memcmp(rows[i].data(), &records[i], rows[i].size()) == 0, "another record");
   }
-}
-
-void WriteFile(const std::string& path, const std::uint8_t* data, std::size_t size) {
-  std::ofstream out(path, std::ios::binary);
-  if (size != 0) {
-    out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-  }
-  out.close();
-  Require(!out.fail(), "the input cannot be written");
 }
 
 }  // namespace

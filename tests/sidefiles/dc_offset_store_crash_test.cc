@@ -6,10 +6,10 @@
 
 #include <boost/filesystem/operations.hpp>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include "sidefiles/dc_offset_store.h"
 #include "tests/sidefiles/dc_offset_store_fixture.h"
+#include "tests/support/child_process.h"
 #include "tests/support/fault_injection.h"
 
 // A process that dies in the middle: what it was told to be on file must be in one of the files.
@@ -46,23 +46,19 @@ class DcOffsetStoreCrashTest : public DcOffsetStoreFixture {
   std::string LiveAndDie(Call call, int nth, bool* died) {
     int report[2] = {-1, -1};
     EXPECT_EQ(0, ::pipe(report));
-    const pid_t child = ::fork();
-    if (child == 0) {
+    const int status = RunInChild([&] {
       Faults::OnlyBelow(dir_.path().string());
       Faults::KillNth(call, nth);
       Live(report[1]);
-      ::_exit(HasFailure() ? 1 : 0);
-    }
+    });
     ::close(report[1]);
     std::string said;
     for (char what = 0; ::read(report[0], &what, 1) == 1;) {
       said += what;
     }
     ::close(report[0]);
-    int status = 0;
-    EXPECT_EQ(child, ::waitpid(child, &status, 0));
-    *died = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-    EXPECT_TRUE(*died || (WIFEXITED(status) && WEXITSTATUS(status) == 0));
+    *died = DiedBy(status, SIGKILL);
+    EXPECT_TRUE(*died || EndedWell(status));
     return said;
   }
 

@@ -194,6 +194,33 @@ TEST_F(DcOffsetStoreFaultsTest, UpdatePathGoesOnAfterAFailedFlushWithTheRecords)
   EXPECT_FALSE(Exists(path_));
 }
 
+TEST_F(DcOffsetStoreFaultsTest, UpdatePathAfterAFailedWriteAndAGoodSyncIsNoFailureOfItsOwn) {
+  const std::string moved = (dir_ / "moved").string();
+  Store(Wanted(1));
+  Faults::FailNth(Call::kWrite, 1, ENOSPC);
+  store_.UpdatePath(moved);
+  EXPECT_EQ((Lines{"8 failed to write dc offset with path_=" + path_ + ", write=56, return=-1",
+                   "8 failed to flush dc offset with path_=" + path_ + ", return=-1"}),
+            Failures());
+  EXPECT_EQ(moved, peer_.path());
+  EXPECT_EQ(-1, peer_.fd());
+  EXPECT_EQ(Sorted({Wanted(1)}), InMemory());
+  EXPECT_EQ(0, store_.Flush());
+  EXPECT_EQ(FileOf({Wanted(1)}), ReadBytes(moved));
+  EXPECT_EQ(Bytes(), ReadBytes(path_)) << "made before the write failed";
+}
+
+TEST_F(DcOffsetStoreFaultsTest, FlushOfNothingMakesNoCallAtAll) {
+  ASSERT_EQ(0, store_.Open());
+  const int fd = peer_.fd();
+  EXPECT_EQ(0, store_.Flush());
+  EXPECT_EQ(fd, peer_.fd());
+  for (const Call call : {Call::kWrite, Call::kFsync, Call::kClose}) {
+    EXPECT_EQ(0, Faults::Count(call));
+  }
+  EXPECT_EQ(1, Faults::Count(Call::kOpen));
+}
+
 TEST_F(DcOffsetStoreFaultsTest, DestructionWithAFailingDiskLogsAndEnds) {
   {
     DcOffsetStore store(path_, false, kOffsetStoreName, kOffsetStoreTmpSuffix);
@@ -233,6 +260,15 @@ TEST_F(DcOffsetStoreFaultsTest, FailedRenameGivesTheListAndKeepsTheFile) {
   EXPECT_FALSE(Exists(aside_));
   EXPECT_EQ(0, store_.Read(&out));
   EXPECT_EQ(ListOf({Wanted(1)}), ListOf(out)) << "the next list has them again";
+}
+
+TEST_F(DcOffsetStoreFaultsTest, ReadsAskForAWholeChunk) {
+  WriteBytes(path_, FileOf(std::vector<DCOffset>(32769, Wanted(1))));
+  std::vector<DCOffset> out;
+  EXPECT_EQ(0, store_.Read(&out));
+  EXPECT_EQ(32769U, out.size());
+  // One full chunk; the rest and the end of the file; the end of the file once more.
+  EXPECT_EQ((std::vector<std::size_t>{1835008, 1835008, 1834952, 1835008}), Faults::ReadSizes());
 }
 
 TEST_F(DcOffsetStoreFaultsTest, FailedFirstReadIsAsAnEmptyFile) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <fstream>
 #include <iterator>
+#include <mutex>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -28,6 +29,7 @@ struct DcOffsetStoreTestPeer {
   int fd() const { return store.fd_; }
   const DcOffsetSet& offsets() const { return store.offsets_; }
   const std::string& path() const { return store.path_; }
+  const std::mutex& mutex() const { return store.mutex_; }
 };
 
 }  // namespace Aldenta::Qnd::Morene::Zefs

@@ -175,6 +175,17 @@ TEST_F(DcOffsetStoreReadTest, FileCutAtAnyByteGivesTheWholeRecordsAndWhatArrived
   }
 }
 
+TEST_F(DcOffsetStoreReadTest, FileCutAtAnyByteTakesThePlaceOfAnEarlierListOnlyWithARecord) {
+  const Bytes file = FileOf({{10, 0x0140, Fp(0xA1), -2}, {20, 0x0140, Fp(0xA2), -2}});
+  const Bytes earlier = FileOf({Wanted(1), Wanted(2), Wanted(3)});
+  for (std::size_t size = 0; size <= file.size(); ++size) {
+    WriteBytes(aside_, earlier);
+    const Bytes cut(file.begin(), file.begin() + static_cast<long>(size));
+    ASSERT_EQ(size <= 8, ReadFile(cut).empty()) << size;
+    ASSERT_EQ(size <= 8 ? earlier : cut, ReadBytes(aside_)) << size;
+  }
+}
+
 TEST_F(DcOffsetStoreReadTest, TornRecordWhoseContainerIsIncompleteAndTooSmallIsDropped) {
   Bytes file = FileOf({{10, 0x0101, Fp(1), -1}});
   file.resize(9);

@@ -402,7 +402,8 @@ TEST_F(DcOffsetAviliableTest, NoOtherNameMatches) {
   EXPECT_EQ((Lines{"0 DcOffsetAviliable, path:" + dir_.path().string()}), Log());
 }
 
-TEST_F(DcOffsetAviliableTest, DirectoriesAndWhatLiesInThemDoNotMatch) {
+TEST_F(DcOffsetAviliableTest, PipesAndDirectoriesAndWhatLiesInThemDoNotMatch) {
+  ASSERT_EQ(0, ::mkfifo((dir_ / "offset").c_str(), 0600));
   boost::filesystem::create_directory(dir_ / "dcoffset");
   WriteBytes((dir_ / "dcoffset/offset").string(), {});
   EXPECT_FALSE(DcOffsetAviliable(dir_.path().string()));
@@ -413,6 +414,13 @@ TEST_F(DcOffsetAviliableTest, LinkCountsAsWhatItLeadsTo) {
   EXPECT_FALSE(DcOffsetAviliable(dir_.path().string()));
   WriteBytes((dir_ / "nowhere").string(), {});
   EXPECT_TRUE(DcOffsetAviliable(dir_.path().string()));
+}
+
+TEST_F(DcOffsetAviliableTest, EntryThatCannotBeLookedAtThrows) {
+  boost::filesystem::create_symlink("loop", dir_ / "loop");
+  EXPECT_THROW(DcOffsetAviliable(dir_.path().string()), boost::filesystem::filesystem_error);
+  boost::filesystem::remove(dir_ / "loop");
+  EXPECT_FALSE(DcOffsetAviliable(dir_.path().string()));
 }
 
 TEST_F(DcOffsetAviliableTest, FindsAFileAmongOthers) {
@@ -429,8 +437,13 @@ TEST_F(DcOffsetAviliableTest, EmptyDirectoryHasNone) {
   EXPECT_FALSE(DcOffsetAviliable(dir_.path().string()));
 }
 
-TEST_F(DcOffsetAviliableTest, MissingDirectoryThrows) {
-  EXPECT_THROW(DcOffsetAviliable((dir_ / "missing").string()), boost::filesystem::filesystem_error);
+TEST_F(DcOffsetAviliableTest, MissingDirectoryThrowsAfterTheFirstLine) {
+  const std::string missing = (dir_ / "missing").string();
+  EXPECT_THROW(DcOffsetAviliable(missing), boost::filesystem::filesystem_error);
+  EXPECT_EQ((Lines{"0 DcOffsetAviliable, path:" + missing}), Log());
+  WriteBytes((dir_ / "file").string(), {});
+  EXPECT_THROW(DcOffsetAviliable((dir_ / "file").string()), boost::filesystem::filesystem_error)
+      << "a file is no directory";
 }
 
 }  // namespace

@@ -3,13 +3,12 @@
 #include <cerrno>
 #include <csignal>
 #include <functional>
-#include <unistd.h>
 
 #include <gmock/gmock.h>
-#include <sys/wait.h>
 
 #include "sidefiles/extent_journal.h"
 #include "tests/sidefiles/extent_journal_fixture.h"
+#include "tests/support/child_process.h"
 
 namespace {
 
@@ -383,20 +382,15 @@ TEST_F(ExtentJournalFaultTest, AProcessThatDiesAtAnyCallLeavesFilesThatTheNextLi
       fs::remove_all(Directory());
       fs::remove(notes / "synced");
       fs::remove(notes / "handed back");
-      const pid_t child = ::fork();
-      ASSERT_NE(-1, child);
-      if (child == 0) {
+      const int status = RunInChild([&] {
         Faults::KillNth(call, nth);
         Life life;
         Live(Path(), &life, [&](const char* note) { WriteBytes(notes / note, ""); });
-        ::_exit(0);
-      }
-      int status = 0;
-      ASSERT_EQ(child, ::waitpid(child, &status, 0));
-      if (WIFEXITED(status)) {
+      });
+      if (EndedWell(status)) {
         break;
       }
-      ASSERT_EQ(SIGKILL, WTERMSIG(status));
+      ASSERT_TRUE(DiedBy(status, SIGKILL));
       ++deaths;
       EXPECT_FALSE(HasFile() && HasReplayFile());
       const std::string inJournal = BytesOf(Path());

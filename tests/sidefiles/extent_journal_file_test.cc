@@ -28,6 +28,21 @@ class ExtentJournalFileTest : public ExtentJournalFixture {
   }
 };
 
+/// The bytes of the records that a journal file of `bytes` holds: those that pass, cut ones with
+/// zeros in place of what is missing. The padding of each is zero.
+std::string PassingBytes(std::string bytes) {
+  bytes.resize((bytes.size() + kJournalRecordSize - 1) / kJournalRecordSize * kJournalRecordSize);
+  std::string passing;
+  for (std::size_t at = 0; at < bytes.size(); at += kJournalRecordSize) {
+    const auto* const record = reinterpret_cast<const unsigned char*>(bytes.data()) + at;
+    const Extent extent = DecodeJournalRecord(record);
+    if (extent.end != 0 && extent.start <= extent.end) {
+      passing += Encoded(extent);
+    }
+  }
+  return passing;
+}
+
 constexpr std::int64_t kMin = INT64_MIN;
 constexpr std::int64_t kMax = INT64_MAX;
 
@@ -130,6 +145,19 @@ TEST_F(ExtentJournalFileTest, FilesAroundTheSizeOfAReadAreReadWhole) {
   }
 }
 
+TEST_F(ExtentJournalFileTest, OneTornByteBehindAFullChunkIsOneMoreChunk) {
+  EXPECT_EQ(32768U, ReadBytes(EncodedMany(32768) + "x").size());
+  EXPECT_EQ((Log{{1, "Total extent in journal:65536"}}), TakeLog());
+}
+
+TEST_F(ExtentJournalFileTest, AChunkLeavesNothingBehindForTheNextOne) {
+  // The second chunk is one torn record: the rest of it must not be what the first one held there.
+  const std::string first = EncodedMany(32768, 1);
+  const std::vector<Extent> out = ReadBytes(first + first.substr(0, 24));
+  ASSERT_EQ(32769U, out.size());
+  EXPECT_EQ(first.substr(0, 24) + std::string(56, '\0'), Encoded(out.back()));
+}
+
 TEST_F(ExtentJournalFileTest, ReadsAskForAWholeChunk) {
   WriteBytes(ReplayPath(), EncodedMany(32769));
   ExtentJournal journal(Path(), false);
@@ -190,18 +218,38 @@ TEST_F(ExtentJournalFileTest, AFileCutAnywhereReadsAsIfZerosFollowed) {
   whole += Encoded(last);
   for (std::size_t size = 0; size <= whole.size(); ++size) {
     SCOPED_TRACE(size);
-    std::string padded = whole.substr(0, size);
-    padded.resize(whole.size(), '\0');
-    std::string expected;
-    for (std::size_t at = 0; at < padded.size(); at += kJournalRecordSize) {
-      const std::string bytes = padded.substr(at, kJournalRecordSize);
-      const Extent record =
-          DecodeJournalRecord(reinterpret_cast<const unsigned char*>(bytes.data()));
-      if (record.end != 0 && record.start <= record.end) {
-        expected += bytes;
-      }
-    }
-    EXPECT_EQ(expected, Encoded(ReadBytes(whole.substr(0, size))));
+    EXPECT_EQ(PassingBytes(whole.substr(0, size)), Encoded(ReadBytes(whole.substr(0, size))));
+  }
+}
+
+TEST_F(ExtentJournalFileTest, AJournalCutAnywhereIsHandedBackWhateverReplayFileLiesBesideIt) {
+  const std::string whole = EncodedMany(2, 300);
+  const std::vector<std::string> stale = {"", EncodedMany(1, 7), EncodedMany(5, 7), "x"};
+  for (std::size_t size = 0; size <= whole.size(); ++size) {
+    SCOPED_TRACE(size);
+    WriteBytes(Path(), whole.substr(0, size));
+    WriteBytes(ReplayPath(), stale.at(size % stale.size()));
+    ExtentJournal journal(Path(), false);
+    ASSERT_EQ(0, journal.Start());
+    std::vector<Extent> out;
+    EXPECT_EQ(0, journal.Get(&out));
+    EXPECT_EQ(PassingBytes(whole.substr(0, size)), Encoded(out));
+    EXPECT_EQ("", BytesOf(Path()));
+    EXPECT_FALSE(HasReplayFile());
+  }
+}
+
+TEST_F(ExtentJournalFileTest, RecordsBehindAPieceOfARecordAreMisreadWithoutHarm) {
+  const std::string whole = EncodedMany(2, 300);
+  for (std::size_t size = 0; size <= whole.size(); ++size) {
+    SCOPED_TRACE(size);
+    WriteBytes(Path(), whole.substr(0, size));
+    ExtentJournal journal(Path(), false);
+    ASSERT_EQ(0, journal.Start());
+    EXPECT_EQ(0, AddMany(journal, 2, 40));
+    std::vector<Extent> out;
+    EXPECT_EQ(0, journal.Get(&out));
+    EXPECT_EQ(PassingBytes(whole.substr(0, size) + EncodedMany(2, 40)), Encoded(out));
   }
 }
 

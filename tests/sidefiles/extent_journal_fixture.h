@@ -84,6 +84,19 @@ inline std::string Encoded(const std::vector<Extent>& records) {
   return bytes;
 }
 
+/// kOpened is between two calls of a start only: open, but not started.
+enum class State { kIdle, kOpened, kRunning, kStopped };
+
+inline State StateOf(const ExtentJournal& journal, bool hasFile) {
+  EXPECT_EQ(ExtentJournalTestPeer::Opened(journal),
+            ExtentJournalTestPeer::Descriptor(journal) >= 0);
+  if (ExtentJournalTestPeer::Opened(journal)) {
+    return ExtentJournalTestPeer::Started(journal) ? State::kRunning : State::kOpened;
+  }
+  EXPECT_FALSE(ExtentJournalTestPeer::Started(journal));
+  return hasFile ? State::kStopped : State::kIdle;
+}
+
 class ExtentJournalFixture : public testing::Test {
  protected:
   boost::filesystem::path Directory() const { return dir_ / "table"; }

@@ -22,18 +22,7 @@ using Peer = ExtentJournalTestPeer;
 
 class ExtentJournalTest : public ExtentJournalFixture {};
 
-enum class State { kIdle, kOpened, kRunning, kStopped };
-
-State StateOf(const ExtentJournal& journal, bool hasFile) {
-  EXPECT_EQ(Peer::Opened(journal), Peer::Descriptor(journal) >= 0);
-  if (Peer::Opened(journal)) {
-    return Peer::Started(journal) ? State::kRunning : State::kOpened;
-  }
-  EXPECT_FALSE(Peer::Started(journal));
-  return hasFile ? State::kStopped : State::kIdle;
-}
-
-// --- states ----------------------------------------------------------------------------------
+// --- construction and states -----------------------------------------------------------------
 
 TEST_F(ExtentJournalTest, ConstructionTouchesNoFileAndIsIdle) {
   const ExtentJournal journal(Path(), false);
@@ -47,70 +36,6 @@ TEST_F(ExtentJournalTest, ConstructionTouchesNoFileAndIsIdle) {
 TEST_F(ExtentJournalTest, NamesAreThoseOfTheTableDirectory) {
   EXPECT_STREQ("journal", ExtentJournal::JOURNAL_FILENAME);
   EXPECT_STREQ(".rep", ExtentJournal::REPLAY_EXTENTION);
-}
-
-TEST_F(ExtentJournalTest, EachOperationLeadsFromStateToState) {
-  struct Row {
-    const char* name;
-    int (*operation)(ExtentJournal&, std::vector<Extent>*);
-    int fromIdle, fromOpened, fromRunning, fromStopped;  // results
-    State afterIdle, afterOpened, afterRunning, afterStopped;
-  };
-  constexpr State kI = State::kIdle, kO = State::kOpened, kR = State::kRunning;
-  constexpr State kS = State::kStopped;
-  const std::vector<Row> rows = {
-      {"Start", [](auto& j, auto*) { return j.Start(); }, 0, 0, 0, 0, kR, kR, kR, kR},
-      {"Add", [](auto& j, auto*) { return j.Add(NthExtent(1), ADD, 0); }, -1, -1, 0, -1, kI, kO, kR,
-       kS},
-      {"Add of fields", [](auto& j, auto*) { return j.Add(0, 1, 0, 64, {}, 0); }, -1, -1, 0, -1, kI,
-       kO, kR, kS},
-      {"Del of fields", [](auto& j, auto*) { return j.Del(0, 1, 0, 64, {}, 0); }, -1, -1, 0, -1, kI,
-       kO, kR, kS},
-      {"Flush", [](auto& j, auto*) { return j.Flush(false); }, -1, -1, 0, -1, kI, kO, kR, kS},
-      {"Flush and sync", [](auto& j, auto*) { return j.Flush(true); }, -1, -1, 0, -1, kI, kO, kR,
-       kS},
-      {"Write nothing", [](auto& j, auto*) { return j.Write({}); }, 0, 0, 0, 0, kI, kO, kR, kS},
-      {"Write", [](auto& j, auto*) { return j.Write({NthExtent(1)}); }, -1, 0, 0, -1, kI, kO, kR,
-       kS},
-      {"Sync", [](auto& j, auto*) { return j.Sync(); }, -1, 0, 0, -1, kI, kO, kR, kS},
-      {"Read", [](auto& j, auto* out) { return j.Read(out); }, -1, -1, -1, -1, kI, kO, kR, kS},
-      {"Replay", [](auto& j, auto* out) { return j.Replay(out); }, -1, 0, 0, 0, kI, kR, kR, kR},
-      {"Get", [](auto& j, auto* out) { return j.Get(out); }, 0, -1, 0, -1, kI, kO, kR, kS},
-      {"HasJournal", [](auto& j, auto*) { return j.HasJournal() ? 1 : 0; }, 0, 1, 1, 1, kI, kO, kR,
-       kS},
-      {"Close", [](auto& j, auto*) { return j.Close(); }, 0, 0, 0, 0, kI, kS, kS, kS},
-      {"Destroy", [](auto& j, auto*) { return j.Destroy(); }, 0, 0, 0, 0, kI, kI, kI, kI},
-      {"Reset",
-       [](auto& j, auto*) {
-         j.Reset();
-         return 0;
-       },
-       0, 0, 0, 0, kI, kO, kR, kS},
-  };
-  for (const Row& row : rows) {
-    const int results[] = {row.fromIdle, row.fromOpened, row.fromRunning, row.fromStopped};
-    const State after[] = {row.afterIdle, row.afterOpened, row.afterRunning, row.afterStopped};
-    for (const State from : {State::kIdle, State::kOpened, State::kRunning, State::kStopped}) {
-      const auto index = static_cast<std::size_t>(from);
-      SCOPED_TRACE(std::string(row.name) + " from state " + std::to_string(index));
-      fs::remove_all(Directory());
-      ExtentJournal journal(Path(), false);
-      if (from == State::kOpened) {
-        ASSERT_EQ(0, journal.Open());
-      } else if (from != State::kIdle) {
-        ASSERT_EQ(0, journal.Start());
-      }
-      if (from == State::kStopped) {
-        ASSERT_EQ(0, journal.Close());
-      }
-      ASSERT_EQ(from, StateOf(journal, HasFile()));
-      std::vector<Extent> out;
-      EXPECT_EQ(results[index], row.operation(journal, &out));
-      EXPECT_EQ(after[index], StateOf(journal, HasFile()));
-      EXPECT_TRUE(Peer::Mutex(journal).try_lock());
-      Peer::Mutex(journal).unlock();
-    }
-  }
 }
 
 TEST_F(ExtentJournalTest, AStoppedJournalGoesOnWhereItWas) {
@@ -168,6 +93,16 @@ TEST_F(ExtentJournalTest, AFileInPlaceOfTheDirectoryFailsAtTheOpen) {
   EXPECT_FALSE(Peer::Opened(journal) || Peer::Started(journal));
   fs::remove(Directory());
   EXPECT_EQ(0, journal.Start()) << "the lock is free, the next start works";
+}
+
+TEST_F(ExtentJournalTest, ADirectoryBelowAFileGivesTheErrorNumberOfItsCreation) {
+  WriteBytes(Directory(), "x");
+  const fs::path parent = Directory() / "below";
+  ExtentJournal journal((parent / "journal").string(), false);
+  EXPECT_EQ(ENOTDIR, journal.Start());
+  EXPECT_EQ((Log{{8, "failed to create path: " + parent.string() +
+                         ", errno: " + std::to_string(ENOTDIR)}}),
+            TakeLog());
 }
 
 TEST_F(ExtentJournalTest, ADirectoryThatCannotBeMadeGivesItsErrorNumber) {
@@ -292,6 +227,29 @@ TEST_F(ExtentJournalTest, TheRecordThatFillsTheBufferWritesAllWithoutASync) {
   EXPECT_EQ(1, Faults::Count(Call::kWrite));
 }
 
+TEST_F(ExtentJournalTest, EachFullBufferIsOneWriteAndTheRestWaitsForTheFlush) {
+  const std::vector<std::pair<int, std::vector<std::size_t>>> rows = {
+      {kLimit - 1, {1310640}},
+      {kLimit, {1310720}},
+      {kLimit + 1, {1310720, 80}},
+      {2 * kLimit, {1310720, 1310720}},
+      {2 * kLimit + 1, {1310720, 1310720, 80}}};
+  for (const auto& [count, sizes] : rows) {
+    SCOPED_TRACE(count);
+    ExtentJournal journal(Path(), false);
+    ASSERT_EQ(0, journal.Start());
+    WatchCalls watch(dir_.path().string());
+    EXPECT_EQ(0, AddMany(journal, count));
+    EXPECT_EQ(static_cast<std::size_t>(count % kLimit), Buffered(journal));
+    EXPECT_EQ(count / kLimit, Faults::Count(Call::kWrite));
+    EXPECT_EQ(0, journal.Flush(true));
+    EXPECT_EQ(sizes, Faults::WriteSizes());
+    EXPECT_EQ(1, Faults::Count(Call::kFsync));
+    EXPECT_TRUE(EncodedMany(count) == BytesOf(Path()));
+    EXPECT_EQ(0, journal.Destroy());
+  }
+}
+
 // --- Flush, Write and Sync -------------------------------------------------------------------
 
 TEST_F(ExtentJournalTest, FlushWritesAndSyncsOnlyWhenAsked) {
@@ -359,135 +317,6 @@ TEST_F(ExtentJournalTest, SyncOfAJournalThatIsNotOpenIsSilent) {
   ExtentJournal journal(Path(), false);
   EXPECT_EQ(-1, journal.Sync());
   EXPECT_EQ(Log{}, TakeLog());
-}
-
-// --- Get and Replay --------------------------------------------------------------------------
-
-TEST_F(ExtentJournalTest, GetWithoutAFileIsAnEmptyListEvenIfNeverStarted) {
-  ExtentJournal journal(Path(), false);
-  std::vector<Extent> out(3);
-  EXPECT_EQ(0, journal.Get(&out));
-  EXPECT_TRUE(out.empty());
-  EXPECT_EQ((Log{{1, "Get"}}), TakeLog());
-}
-
-TEST_F(ExtentJournalTest, GetOfNoListIsRefused) {
-  ExtentJournal journal(Path(), false);
-  ASSERT_EQ(0, journal.Start());
-  TakeLog();
-  EXPECT_EQ(-1, journal.Get(nullptr));
-  EXPECT_EQ((Log{{1, "Get"}}), TakeLog());
-}
-
-TEST_F(ExtentJournalTest, GetWithAFileNeedsAStartedJournal) {
-  fs::create_directory(Directory());
-  WriteBytes(Path(), EncodedMany(1));
-  ExtentJournal journal(Path(), false);
-  std::vector<Extent> out(3);
-  EXPECT_EQ(-1, journal.Get(&out));
-  EXPECT_TRUE(out.empty());
-  EXPECT_EQ((Log{{1, "Get"},
-                 {1, "Flush, path_=" + Path()},
-                 {8, "failed to flush journal file: " + Path() + ", ret=-1"}}),
-            TakeLog());
-  EXPECT_EQ(EncodedMany(1), BytesOf(Path()));
-}
-
-TEST_F(ExtentJournalTest, GetFlushesHandsAllBackAndStartsAnEmptyJournal) {
-  fs::create_directory(Directory());
-  WriteBytes(Path(), EncodedMany(2));
-  ExtentJournal journal(Path(), false);
-  ASSERT_EQ(0, journal.Start());
-  const std::string fd = std::to_string(Peer::Descriptor(journal));
-  AddMany(journal, 1, 2);
-  TakeLog();
-  std::vector<Extent> out(7);
-  EXPECT_EQ(0, journal.Get(&out));
-  EXPECT_EQ(EncodedMany(3), Encoded(out));
-  EXPECT_EQ((Log{{1, "Get"},
-                 {1, "Flush, path_=" + Path()},
-                 {1, "Write, path_=" + Path() + ", ext=1"},
-                 {1, "fd_=" + fd + ", path_=" + Path() + ", write=80, size=1, ret=80"},
-                 {1, "extent journal stop, path=" + Path()},
-                 {1, "Total extent in journal:32768"},
-                 {2, "replay extent count:3, path_=" + Path()},
-                 {1, "extent journal start, path=" + Path()}}),
-            TakeLog());
-  EXPECT_EQ(State::kRunning, StateOf(journal, HasFile()));
-  EXPECT_EQ("", BytesOf(Path()));
-  EXPECT_FALSE(HasReplayFile());
-  EXPECT_EQ(0, journal.Get(&out));
-  EXPECT_TRUE(out.empty()) << "they are handed back once";
-  EXPECT_EQ(0, AddMany(journal, 1, 9));
-  EXPECT_EQ(0, journal.Flush(true));
-  EXPECT_EQ(EncodedMany(1, 9), BytesOf(Path()));
-}
-
-TEST_F(ExtentJournalTest, ReplayKeepsTheOrderAndTheOps) {
-  ExtentJournal journal(Path(), false);
-  ASSERT_EQ(0, journal.Start());
-  EXPECT_EQ(0, journal.Add(NthExtent(5), DEL, 0));
-  EXPECT_EQ(0, journal.Add(NthExtent(5), ADD, 0));
-  EXPECT_EQ(0, journal.Add(NthExtent(1), ADD, 0));
-  ASSERT_EQ(0, journal.Flush(false));
-  std::vector<Extent> out;
-  ASSERT_EQ(0, journal.Replay(&out));
-  ASSERT_EQ(3U, out.size());
-  EXPECT_EQ(DEL, out[0].op);
-  EXPECT_EQ(ADD, out[1].op);
-  EXPECT_EQ(NthExtent(5).end, out[1].end);
-  EXPECT_EQ(NthExtent(1).end, out[2].end);
-}
-
-TEST_F(ExtentJournalTest, ReplayAloneLeavesBufferedRecordsInTheBuffer) {
-  ExtentJournal journal(Path(), false);
-  ASSERT_EQ(0, journal.Start());
-  AddMany(journal, 2);
-  std::vector<Extent> out;
-  EXPECT_EQ(0, journal.Replay(&out));
-  EXPECT_TRUE(out.empty());
-  EXPECT_EQ(2U, Buffered(journal));
-}
-
-TEST_F(ExtentJournalTest, ReplayWithoutAFileFailsAtTheRename) {
-  ExtentJournal journal(Path(), false);
-  std::vector<Extent> out;
-  EXPECT_EQ(-1, journal.Replay(&out));
-  EXPECT_EQ(
-      (Log{{8, "failed to rename file, from=" + Path() + ", to=" + ReplayPath() + ", ret=-1"}}),
-      TakeLog());
-}
-
-TEST_F(ExtentJournalTest, ReplayTakesAStaleReplayFileAway) {
-  ExtentJournal journal(Path(), false);
-  ASSERT_EQ(0, journal.Start());
-  WriteBytes(ReplayPath(), EncodedMany(5, 100));
-  AddMany(journal, 1);
-  std::vector<Extent> out;
-  EXPECT_EQ(0, journal.Get(&out));
-  EXPECT_EQ(EncodedMany(1), Encoded(out));
-  EXPECT_FALSE(HasReplayFile());
-}
-
-TEST_F(ExtentJournalTest, AStaleReplayFileAloneIsNoJournalAndStaysUntilDestroy) {
-  fs::create_directory(Directory());
-  WriteBytes(ReplayPath(), EncodedMany(5));
-  ExtentJournal journal(Path(), false);
-  EXPECT_FALSE(journal.HasJournal());
-  std::vector<Extent> out;
-  EXPECT_EQ(0, journal.Get(&out));
-  EXPECT_TRUE(out.empty());
-  EXPECT_TRUE(HasReplayFile());
-  EXPECT_EQ(0, journal.Destroy());
-  EXPECT_FALSE(HasReplayFile());
-}
-
-TEST_F(ExtentJournalTest, HasJournalThrowsWhereThePathCannotBeLookedAt) {
-  fs::create_symlink("loop", dir_ / "loop");
-  ExtentJournal journal((dir_ / "loop" / "journal").string(), false);
-  EXPECT_THROW(journal.HasJournal(), fs::filesystem_error);
-  std::vector<Extent> out;
-  EXPECT_THROW(journal.Get(&out), fs::filesystem_error);
 }
 
 // --- Close, Destroy and the end --------------------------------------------------------------

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <lmdb.h>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -32,8 +33,9 @@ struct Fault {
 };
 
 struct State {
-  std::string given;  ///< the watched directory as the test names it
-  std::string real;   ///< the same without links, as the kernel names it
+  std::string given;     ///< the watched directory as the test names it
+  std::string real;      ///< the same without links, as the kernel names it
+  std::string database;  ///< file name of the only environment that is watched; empty: all are
   std::vector<Fault> faults;
   std::array<int, kCalls> counts{};
   std::vector<std::size_t> writeSizes;
@@ -73,6 +75,38 @@ bool IsWatched(const State& state, int fd) {
          IsBelow(state.real, target.data());
 }
 
+// The path of a call's environment; null while it has none.
+const char* PathOf(std::nullptr_t /*unused*/) {
+  return nullptr;
+}
+const char* PathOf(const char* path) {
+  return path;
+}
+const char* PathOf(MDB_env* env) {
+  const char* path = nullptr;
+  ::mdb_env_get_path(env, &path);
+  return path;
+}
+const char* PathOf(MDB_txn* txn) {
+  return PathOf(::mdb_txn_env(txn));
+}
+const char* PathOf(MDB_cursor* cursor) {
+  return PathOf(::mdb_cursor_txn(cursor));
+}
+
+template <typename Target>
+bool IsWatchedDatabase(const State& state, Target target) {
+  if (state.database.empty()) {
+    return true;
+  }
+  const char* path = PathOf(target);
+  if (path == nullptr) {
+    return false;
+  }
+  const std::string name(path);
+  return name.substr(name.rfind('/') + 1) == state.database;
+}
+
 /// What is to happen to one call.
 struct Verdict {
   bool fails = false;
@@ -80,21 +114,9 @@ struct Verdict {
   std::size_t bytes = 0;  ///< of a write: how much of it is done
 };
 
-/// Counts the call if any of `targets`, paths or descriptors, is watched, and looks up its fate.
-template <typename... Targets>
-Verdict Judge(Call call, std::size_t bytes, Targets... targets) {
+/// Counts a watched call and looks up its fate.
+Verdict Sentence(State& state, Call call, std::size_t bytes) {
   Verdict verdict{false, 0, bytes};
-  if (!watching.load()) {
-    return verdict;
-  }
-  const int before = errno;
-  const std::lock_guard<std::mutex> lock(mutex);
-  State& state = TheState();
-  const bool watched = (IsWatched(state, targets) || ...);
-  errno = before;
-  if (!watching.load() || !watched) {
-    return verdict;
-  }
   const int number = ++CountOf(state, call);
   if (call == Call::kWrite) {
     state.writeSizes.push_back(bytes);
@@ -120,6 +142,34 @@ Verdict Judge(Call call, std::size_t bytes, Targets... targets) {
     }
   }
   return verdict;
+}
+
+/// Judges the call if `isWatched(state)`.
+template <typename IsWatched>
+Verdict JudgeIf(Call call, std::size_t bytes, IsWatched isWatched) {
+  const Verdict untouched{false, 0, bytes};
+  if (!watching.load()) {
+    return untouched;
+  }
+  const int before = errno;
+  const std::lock_guard<std::mutex> lock(mutex);
+  State& state = TheState();
+  const bool watched = isWatched(state);
+  errno = before;
+  return watching.load() && watched ? Sentence(state, call, bytes) : untouched;
+}
+
+/// A system call on `targets`, paths or descriptors: watched if any of them is.
+template <typename... Targets>
+Verdict Judge(Call call, std::size_t bytes, Targets... targets) {
+  return JudgeIf(call, bytes,
+                 [&](const State& state) { return (IsWatched(state, targets) || ...); });
+}
+
+/// A call of LMDB on `target`: an environment, transaction or cursor, or a path.
+template <typename Target>
+Verdict JudgeDatabase(Call call, Target target) {
+  return JudgeIf(call, 0, [&](const State& state) { return IsWatchedDatabase(state, target); });
 }
 
 void AddFault(Fault fault, int nth) {
@@ -148,6 +198,11 @@ void Faults::OnlyBelow(const std::string& directory) {
   fresh.real = real.get();
   TheState() = fresh;
   watching = true;
+}
+
+void Faults::OnlyDatabase(const std::string& fileName) {
+  const std::lock_guard<std::mutex> lock(mutex);
+  TheState().database = fileName;
 }
 
 void Faults::FailNth(Call call, int nth, int error, bool forGood) {
@@ -213,7 +268,8 @@ int Faults::UntilNoneFires(const std::function<void(int nth)>& run) {
 
 // The calls themselves. They stand in the global namespace under the C library's names and are seen
 // by every shared library of the process; each finds the C library's own, or the sanitizer's in
-// front of it, behind this program.
+// front of it, behind this program. LMDB's library binds the calls that it makes of itself to its
+// own functions, so that they do not come by here.
 #define ZEFS_INTERPOSE __attribute__((visibility("default")))
 #define ZEFS_NEXT(name) \
   static const auto next = reinterpret_cast<decltype(&::name)>(::dlsym(RTLD_NEXT, #name))
@@ -236,6 +292,13 @@ int Faults::UntilNoneFires(const std::function<void(int nth)>& run) {
     }                                                                             \
     const auto verdict = zefs::test::Judge(zefs::test::Call::kOpen, 0, path);     \
     return verdict.fails ? zefs::test::Refuse(verdict) : next(path, flags, mode); \
+  }
+// A call of LMDB, which returns its error; `target` tells its environment.
+#define ZEFS_INTERPOSE_LMDB(call, name, params, args, target)                       \
+  ZEFS_INTERPOSE int name params {                                                  \
+    ZEFS_NEXT(name);                                                                \
+    const auto verdict = zefs::test::JudgeDatabase(zefs::test::Call::call, target); \
+    return verdict.fails ? verdict.error : next args;                               \
   }
 
 extern "C" {
@@ -268,6 +331,55 @@ ZEFS_INTERPOSE int close(int fd) {
   const auto verdict = zefs::test::Judge(zefs::test::Call::kClose, 0, fd);
   const int result = next(fd);
   return verdict.fails ? zefs::test::Refuse(verdict) : result;
+}
+
+ZEFS_INTERPOSE_LMDB(kMdbEnvCreate, mdb_env_create, (MDB_env * *env), (env), nullptr)
+ZEFS_INTERPOSE_LMDB(kMdbEnvSetMapsize, mdb_env_set_mapsize, (MDB_env * env, std::size_t size),
+                    (env, size), env)
+ZEFS_INTERPOSE_LMDB(kMdbEnvSetMaxdbs, mdb_env_set_maxdbs, (MDB_env * env, MDB_dbi dbs), (env, dbs),
+                    env)
+ZEFS_INTERPOSE_LMDB(kMdbEnvOpen, mdb_env_open,
+                    (MDB_env * env, const char* path, unsigned int flags, mdb_mode_t mode),
+                    (env, path, flags, mode), path)
+ZEFS_INTERPOSE_LMDB(kMdbEnvCopy2, mdb_env_copy2,
+                    (MDB_env * env, const char* path, unsigned int flags), (env, path, flags), env)
+ZEFS_INTERPOSE_LMDB(kMdbTxnBegin, mdb_txn_begin,
+                    (MDB_env * env, MDB_txn* parent, unsigned int flags, MDB_txn** txn),
+                    (env, parent, flags, txn), env)
+ZEFS_INTERPOSE_LMDB(kMdbDbiOpen, mdb_dbi_open,
+                    (MDB_txn * txn, const char* name, unsigned int flags, MDB_dbi* dbi),
+                    (txn, name, flags, dbi), txn)
+ZEFS_INTERPOSE_LMDB(kMdbSetCompare, mdb_set_compare,
+                    (MDB_txn * txn, MDB_dbi dbi, MDB_cmp_func* compare), (txn, dbi, compare), txn)
+ZEFS_INTERPOSE_LMDB(kMdbCursorOpen, mdb_cursor_open,
+                    (MDB_txn * txn, MDB_dbi dbi, MDB_cursor** cursor), (txn, dbi, cursor), txn)
+ZEFS_INTERPOSE_LMDB(kMdbCursorGet, mdb_cursor_get,
+                    (MDB_cursor * cursor, MDB_val* key, MDB_val* data, MDB_cursor_op op),
+                    (cursor, key, data, op), cursor)
+ZEFS_INTERPOSE_LMDB(kMdbCursorPut, mdb_cursor_put,
+                    (MDB_cursor * cursor, MDB_val* key, MDB_val* data, unsigned int flags),
+                    (cursor, key, data, flags), cursor)
+ZEFS_INTERPOSE_LMDB(kMdbCursorDel, mdb_cursor_del, (MDB_cursor * cursor, unsigned int flags),
+                    (cursor, flags), cursor)
+ZEFS_INTERPOSE_LMDB(kMdbGet, mdb_get, (MDB_txn * txn, MDB_dbi dbi, MDB_val* key, MDB_val* data),
+                    (txn, dbi, key, data), txn)
+ZEFS_INTERPOSE_LMDB(kMdbPut, mdb_put,
+                    (MDB_txn * txn, MDB_dbi dbi, MDB_val* key, MDB_val* data, unsigned int flags),
+                    (txn, dbi, key, data, flags), txn)
+ZEFS_INTERPOSE_LMDB(kMdbDel, mdb_del, (MDB_txn * txn, MDB_dbi dbi, MDB_val* key, MDB_val* data),
+                    (txn, dbi, key, data), txn)
+ZEFS_INTERPOSE_LMDB(kMdbStat, mdb_stat, (MDB_txn * txn, MDB_dbi dbi, MDB_stat* stat),
+                    (txn, dbi, stat), txn)
+
+// A commit that fails has ended the transaction all the same.
+ZEFS_INTERPOSE int mdb_txn_commit(MDB_txn* txn) {
+  ZEFS_NEXT(mdb_txn_commit);
+  const auto verdict = zefs::test::JudgeDatabase(zefs::test::Call::kMdbTxnCommit, txn);
+  if (!verdict.fails) {
+    return next(txn);
+  }
+  ::mdb_txn_abort(txn);
+  return verdict.error;
 }
 
 }  // extern "C"

@@ -4,7 +4,6 @@
 #include <csignal>
 #include <sstream>
 #include <string>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -16,10 +15,10 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 #include "refhost/cli/exit_status.h"
 #include "tests/refhost/store/store_fixture.h"
+#include "tests/support/child_process.h"
 
 namespace zefs::refhost {
 namespace {
@@ -214,15 +213,8 @@ int RunWithFileSizeLimit(const CheckOptions& options) {
 }
 
 TEST_F(CheckCommand, StoreWithoutRoomIsOneLineAndStatusTwo) {
-  const pid_t child = fork();
-  ASSERT_NE(-1, child);
-  if (child == 0) {
-    _exit(RunWithFileSizeLimit(options));
-  }
-  int status = 0;
-  ASSERT_EQ(child, waitpid(child, &status, 0));
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(kExitCannotRun, WEXITSTATUS(status));
+  EXPECT_TRUE(test::EndedWell(
+      test::RunInChild([&] { EXPECT_EQ(kExitCannotRun, RunWithFileSizeLimit(options)); })));
   EXPECT_FALSE(fs::exists(dir / "store"));
 }
 

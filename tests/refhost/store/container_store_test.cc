@@ -5,16 +5,15 @@
 #include <fcntl.h>
 #include <stdexcept>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 #include "refhost/store/store_error.h"
 #include "tests/refhost/store/store_fixture.h"
+#include "tests/support/child_process.h"
 
 namespace zefs::refhost {
 namespace {
@@ -194,15 +193,8 @@ int FillUpToTheLimit(const std::string& directory) {
 
 TEST(ContainerStore, AppendThatBreaksOffInTheMiddleCanBeRepeated) {
   const TempDir dir;
-  const pid_t child = fork();
-  ASSERT_NE(-1, child);
-  if (child == 0) {
-    _exit(FillUpToTheLimit(dir.path().string()));
-  }
-  int status = 0;
-  ASSERT_EQ(child, waitpid(child, &status, 0));
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(0, WEXITSTATUS(status));
+  EXPECT_TRUE(test::EndedWell(
+      test::RunInChild([&] { EXPECT_EQ(0, FillUpToTheLimit(dir.path().string())); })));
 }
 
 }  // namespace
