@@ -1,12 +1,14 @@
 // The least that an executable has to supply to load the library with tables in memory: a silent
 // log, the choice of the table, fingerprints as text and back, and CPU accounting that is switched
-// off. What only the files beside a stored table need is refused.
+// off. What only stored tables need is refused.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 
 #include "host/auto_log_cpu.h"
+#include "host/bloom_filter.h"
 #include "host/config.h"
 #include "host/file_io.h"
 #include "host/fingerprint.h"
@@ -63,6 +65,16 @@ int CRFPStringToDigest_r(const char* text, int kind, unsigned char* digest) {
   return 0;
 }
 
+const char* CRFPEmptyFP(int /*kind*/) {
+  return "0000000000000000000000000000000000000000000000000000000000000000";
+}
+
+int CRFPIsEmptyDigest(const unsigned char* digest, int /*kind*/) {
+  return std::memcmp(digest, crfp_digest_t{}.data(), crfp_digest_t{}.size()) == 0 ? 1 : 0;
+}
+
+// --- stored tables only --------------------------------------------------------------------------
+
 ssize_t safe_read(int /*fd*/, void* /*buffer*/, std::size_t /*size*/) {
   errno = ENOSYS;
   return -1;
@@ -78,6 +90,48 @@ int safe_fsync(int /*fd*/) {
 int EnableNommap(const std::string& /*path*/, int /*fd*/) {
   return 0;
 }
+bool IsZxfs(const std::string& /*path*/) {
+  return false;
+}
+unsigned long get_millis() {
+  return 0;
+}
+
+BloomFilter::BloomFilter(unsigned long n, double falsePositive)
+    : expected_(n), maxFalsePositive_(falsePositive), hashFunctionCount_(0), bufferSize_(0) {
+  throw std::invalid_argument("no filters here");
+}
+BloomFilter::~BloomFilter() = default;
+void BloomFilter::Insert(const crfp_digest_t& /*fp*/) {}
+bool BloomFilter::Contains(const crfp_digest_t& /*fp*/) const {
+  return true;
+}
+unsigned int BloomFilter::GetBufferSize() const {
+  return bufferSize_;
+}
+unsigned char* BloomFilter::GetBloom() const {
+  return bits_.get();
+}
+unsigned long BloomFilter::GetBitmapSize() const {
+  return 0;
+}
+unsigned long BloomFilter::GetExpectedFingerprints() const {
+  return expected_;
+}
+unsigned long BloomFilter::GetInsertedFingerPrints() const {
+  return inserted_;
+}
+void BloomFilter::SetInsertedFingerPrints(unsigned long count) {
+  inserted_ = count;
+}
+unsigned int BloomFilter::GetHashFunctionCount() const {
+  return hashFunctionCount_;
+}
+double BloomFilter::GetMaxFalsePositive() const {
+  return maxFalsePositive_;
+}
+
+// --- CPU accounting, switched off ----------------------------------------------------------------
 
 bool AutoLogCpu::enabled_ = false;
 bool AutoLogCpu::initialized_ = false;

@@ -54,9 +54,8 @@ struct MDBTXNCONTEXT {
 ///
 /// Locks, in the order in which they are taken:
 ///  1. rwLock_: the extent cache. Exclusive for insert and for a flush, shared for look-ups.
-///  2. tableLock_ (of the base class): the set of open databases. Exclusive where it changes,
-///  shared
-///     around every walk of a database and around the transaction of a flush or of a host call.
+///  2. tableLock_ (of the base class): the set of open databases. Exclusive where that changes,
+///     shared around each walk of a database and around the transaction of a flush or host call.
 ///  3. prefetchLock_: prefetchExts_. A look-up releases it before it takes tableLock_.
 ///  4. the mutexes of the journal and of the offset store, and those of the host.
 /// mergeMutex_ is held while a merge thread is joined; the merge thread takes tableLock_ only.
@@ -259,8 +258,10 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
 
   /// Opens the database in the file `dbPath`, creating it if need be, with the key order of this
   /// format. `mapSize` is in bytes. 0, -1 for a null `db`, or LMDB's code. Until LMDB has opened
-  /// the file a failure leaves nothing behind. Later ones leave the environment open, and a failure
-  /// between begin and commit its transaction too: ClearDBEnv closes what there is.
+  /// the file a failure leaves nothing behind. Later ones leave the environment open for
+  /// ClearDBEnv. A database that cannot be opened or ordered, which LMDB never refuses for the
+  /// unnamed one, leaves the write transaction open as well: once the environment is closed, the
+  /// thread must not begin another write transaction on any database.
   int SetupDBEnv(const std::string& dbPath, LMDBContext* db, unsigned long mapSize);
   /// Closes what is open of `db` and removes its lock file. 0, or -1 if that is still there. Throws
   /// nothing.

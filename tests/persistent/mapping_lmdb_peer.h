@@ -46,6 +46,7 @@ struct MappingLMDBTestPeer {
   bool& dataChanged() { return table.dataChanged_; }
   ObjectID& doid() { return table.doid_; }
   boost::shared_mutex& rwLock() { return table.rwLock_; }
+  boost::mutex& mergeMutex() { return table.mergeMutex_; }
   boost::shared_mutex& tableLock() { return table.tableLock_; }
   std::vector<ExtLMDB>& prefetchExts() { return table.prefetchExts_; }
   boost::shared_mutex& prefetchLock() { return table.prefetchLock_; }
@@ -55,6 +56,10 @@ struct MappingLMDBTestPeer {
   std::int32_t& tableType() { return table.tableType_; }
   DcOffsetStore* dcOffsetStore() { return table.dcOffsetStore_.get(); }
   bool& noMmap() { return table.noMmap_; }
+  // The members themselves, for where they lie in the table.
+  const auto& lmdbApiMember() { return table.lmdbApi_; }
+  const auto& journalMember() { return table.journal_; }
+  const auto& dcOffsetStoreMember() { return table.dcOffsetStore_; }
 
   long GetFileSize(LMDBContext* db) { return table.GetFileSize(db); }
   int CheckAndLoadSpecialItems(LMDBContext* db, long size) {

@@ -1,7 +1,10 @@
 #include <cerrno>
+#include <cstdint>
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,6 +14,7 @@
 #include "persistent/mapping_lmdb.h"
 #include "refhost/host/log_recorder.h"
 #include "table/mapping_table.h"
+#include "tests/persistent/mapping_lmdb_peer.h"
 #include "tests/table/code_of.h"
 
 namespace {
@@ -63,6 +67,20 @@ TEST_F(FactoryTest, WithTheSettingTheTableIsPersistent) {
   const CMappingTable& made = *table;
   EXPECT_EQ(typeid(CMappingLMDB), typeid(made));
   EXPECT_THAT(Lines(), testing::ElementsAre("0 CreateMappingTable()", "0 using CMappingLMDB"));
+}
+
+TEST_F(FactoryTest, AnyNumberButZeroIsTheSettingAndTheTypeReachesTheTable) {
+  const std::vector<std::pair<std::string, int>> types = {
+      {"GENERIC", 0}, {"PROVISION", 2}, {"INGEST", 1}};
+  for (const std::uint32_t setting : {1U, 2U, 0x80000000U, 0xffffffffU}) {
+    ZefsConfig::GetInstance().useLmdbTable = setting;
+    for (const auto& [type, number] : types) {
+      const std::unique_ptr<CMappingTable> table(CreateMappingTable(nullptr, type));
+      auto* const persistent = dynamic_cast<CMappingLMDB*>(table.get());
+      ASSERT_NE(nullptr, persistent) << setting;
+      EXPECT_EQ(number, MappingLMDBTestPeer(*persistent).tableType());
+    }
+  }
 }
 
 TEST_F(FactoryTest, WithTheSettingThePathFunctionsAreRefusedWithALineThatSaysWhy) {

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <iostream>
+#include <rapidcheck.h>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace zefs::test {
+
+/// The seed of random tests; ZEFS_TEST_SEED sets another.
+inline std::uint64_t PropertySeed() {
+  const char* const given = std::getenv("ZEFS_TEST_SEED");
+  return given == nullptr ? 20240917 : std::strtoull(given, nullptr, 10);
+}
+
+/// Tries `property` on `cases` random cases and prints the seed. A counterexample is made small and
+/// fails the test.
+template <typename Property>
+void ExpectToHold(const std::string& description, int cases, const Property& property) {
+  rc::detail::TestParams params;
+  params.seed = PropertySeed();
+  params.maxSuccess = cases;
+  rc::detail::TestMetadata metadata;
+  metadata.description = description;
+  const auto result = rc::detail::checkTestable(property, metadata, params);
+  std::ostringstream message;
+  rc::detail::printResultMessage(result, message);
+  std::cout << "ZEFS_TEST_SEED=" << params.seed << '\n';
+  EXPECT_TRUE(result.template is<rc::detail::SuccessResult>()) << message.str();
+}
+
+}  // namespace zefs::test
