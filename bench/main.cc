@@ -11,6 +11,7 @@ int main(int argc, char** argv) {
   }
   zefs_bench::RegisterMaps();
   zefs_bench::RegisterFloors();
+  zefs_bench::RegisterPersistent();
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
 }

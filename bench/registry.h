@@ -9,9 +9,10 @@
 namespace zefs_bench {
 
 /// Register the benchmarks. Names are "workload/counting/operation/size/map", "floor/…" for the
-/// bounds.
+/// bounds, and "persistent/operation/case/size/subject" for the persistent table.
 void RegisterMaps();
 void RegisterFloors();
+void RegisterPersistent();
 
 /// CPU time of this thread, seconds.
 inline double CpuSeconds() {

@@ -4,7 +4,8 @@
     bench/summary.py ROUND.json...
 
 Rates are medians over the rounds, in million items a second. The best peer is the one with the
-highest median; ratios to it are taken round by round, and their median and range are given.
+highest median; ratios to it are taken round by round, and their median and range are given. The
+persistent table has peers of its own for each operation and is set beside each of them.
 """
 
 import json
@@ -13,6 +14,13 @@ import sys
 
 PEERS = ["btree_pointers", "btree", "std_map", "icl"]
 UNLOCKED = "_unlocked"  # look-ups without the table's lock
+PERSISTENT = "persistent"
+PERSISTENT_PEERS = {
+    "insert": ["std_map"],
+    "insert_nodes": ["std_map"],
+    "find": ["std_map", "lmdb_begun", "lmdb_renewed"],
+    "walk": ["lmdb_merge", "lmdb_cursor"],
+}
 
 
 def rows_of(path):
@@ -97,10 +105,34 @@ def memory_lines(maps):
         yield cells
 
 
+def persistent_lines(maps, operation, peers):
+    for (_, measured, case, size), subjects in maps.items():
+        ours = rates(subjects, "table")
+        if measured != operation or not ours:
+            continue
+        cells = [f"{operation}: {case}, {int(size):,}".replace("_", " "),
+                 f"{median(ours) / 1e6:.3f} ±{spread(ours):.0f} %"]
+        theirs = [rates(subjects, peer) for peer in peers]
+        cells += [f"{median(values) / 1e6:.3f}" if values else "" for values in theirs]
+        cells += [ratio(ours, values) if values else "" for values in theirs]
+        yield cells
+
+
+def print_persistent(maps):
+    print("\nThe persistent table, million items a second:")
+    for operation, peers in PERSISTENT_PEERS.items():
+        lines = list(persistent_lines(maps, operation, peers))
+        if lines:
+            table(["benchmark", "table"] + peers + [f"table / {peer} (range)" for peer in peers],
+                  lines)
+
+
 def main(paths):
     if not paths:
         sys.exit("bench/summary.py: name the JSON files of the rounds")
-    maps, floors = collect(paths)
+    every, floors = collect(paths)
+    maps = {key: value for key, value in every.items() if key[0] != PERSISTENT}
+    persistent = {key: value for key, value in every.items() if key[0] == PERSISTENT}
     if maps:
         print("\nMillion items a second:")
         table(["benchmark", "table"] + PEERS + ["best peer", "table / best (range)"],
@@ -108,6 +140,8 @@ def main(paths):
         print("\nBytes of heap an extent, reference counts included; last, what the table tells of its"
               " tree:")
         table(["state", "table"] + PEERS + ["told"], memory_lines(maps))
+    if persistent:
+        print_persistent(persistent)
     if floors:
         print("\nBounds, million items a second:")
         table(["bound", "rate"],

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <random>
+#include <utility>
 
 namespace zefs_bench {
 
@@ -10,6 +11,7 @@ namespace {
 constexpr std::uint64_t kRandomSeed = 0x7a65667301;
 constexpr std::uint64_t kAppendSeed = 0x7a65667302;
 constexpr std::uint64_t kOffsetSeed = 0x7a65667303;
+constexpr std::uint64_t kShuffleSeed = 0x7a65667304;
 
 constexpr std::uint64_t kFirstContainer = 64;
 constexpr std::uint64_t kObjectsAContainer = 256;
@@ -83,6 +85,13 @@ std::vector<Write> AppendWrites(std::size_t count, Containers containers) {
     end = writes.back().eOff;
   }
   return writes;
+}
+
+void Shuffle(std::vector<Write>* writes) {
+  Random random(kShuffleSeed);
+  for (std::size_t left = writes->size(); left > 1; --left) {
+    std::swap((*writes)[left - 1], (*writes)[random.Below(left)]);
+  }
 }
 
 std::vector<std::int64_t> UniformOffsets(std::size_t count, std::int64_t range) {

@@ -43,6 +43,9 @@ std::vector<Write> RandomWrites(std::size_t count, Containers containers,
 /// `count` writes of the same sizes and objects, one behind the other from offset 0.
 std::vector<Write> AppendWrites(std::size_t count, Containers containers);
 
+/// Brings writes into a random order, the same for all sequences of one length.
+void Shuffle(std::vector<Write>* writes);
+
 /// `count` offsets, uniform over [0, range).
 std::vector<std::int64_t> UniformOffsets(std::size_t count, std::int64_t range);
 

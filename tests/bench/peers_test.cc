@@ -12,6 +12,7 @@
 #include "bench/peers/icl_peer.h"
 #include "bench/table_subject.h"
 #include "bench/workload.h"
+#include "tests/bench/block_model.h"
 
 namespace Aldenta::Qnd::Morene::Zefs {
 
@@ -30,23 +31,6 @@ using Aldenta::Qnd::Morene::Zefs::MappingTableTestPeer;
 
 using ContainerCounts = std::map<std::uint64_t, std::uint64_t>;
 using FingerprintCounts = std::map<FingerprintText, std::uint64_t>;
-
-/// Everything that a map keeps for an extent, comparable and printable.
-using Row = std::tuple<std::int64_t, std::int64_t, std::int64_t, std::int64_t, std::uint64_t,
-                       crfp_digest_t, std::uint32_t, void*, std::int32_t>;
-
-template <typename Value>
-Row MakeRow(std::int64_t sOff, std::int64_t eOff, const Value& value) {
-  return {sOff,
-          eOff,
-          value.objOff,
-          value.objCksum,
-          value.objectID.dcid,
-          value.objectID.fp,
-          value.objectID.attrWord,
-          value.data,
-          value.dcOffset};
-}
 
 template <typename Map>
 std::vector<Row> RowsOf(const Map& map) {
@@ -76,35 +60,7 @@ FingerprintCounts FingerprintsOf(const TableSubject& map) {
   return {counts.begin(), counts.end()};
 }
 
-/// The same byte by byte, or rather block by block: the reference of all.
-class BlockModel {
- public:
-  void Insert(const Write& write) {
-    for (std::int64_t at = write.sOff; at < write.eOff; at += kBlock) {
-      blocks_[at] = {&write, write.objOff + (at - write.sOff)};
-    }
-  }
-  void Truncate(std::int64_t size) { blocks_.erase(blocks_.lower_bound(size), blocks_.end()); }
-
-  std::vector<Row> Rows() const {
-    std::vector<Row> rows;
-    const Write* previous = nullptr;
-    for (const auto& [at, block] : blocks_) {
-      const auto& [write, objOff] = block;
-      if (write == previous && std::get<1>(rows.back()) == at) {
-        std::get<1>(rows.back()) += kBlock;
-      } else {
-        const ExtentValue value{write->objectID, write->objCksum, objOff, nullptr, -1};
-        rows.push_back(MakeRow(at, at + kBlock, value));
-      }
-      previous = write;
-    }
-    return rows;
-  }
-
- private:
-  std::map<std::int64_t, std::pair<const Write*, std::int64_t>> blocks_;
-};
+using Model = BlockModel<kBlock>;
 
 template <typename Map>
 class BenchMaps : public ::testing::Test {};
@@ -128,7 +84,7 @@ void Recount(const std::vector<Row>& rows, ContainerCounts* containers,
 }
 
 template <typename Map>
-void ExpectSame(const Map& map, const BlockModel& model) {
+void ExpectSame(const Map& map, const Model& model) {
   const std::vector<Row> expected = model.Rows();
   EXPECT_EQ(map.size(), expected.size());
   ASSERT_EQ(RowsOf(map), expected);
@@ -146,7 +102,7 @@ constexpr std::uint64_t kFewObjects = 2000;
 TYPED_TEST(BenchMaps, AgreeWithTheModelUnderCollidingWrites) {
   const auto writes = RandomWrites(kWrites, Containers::kReal, kSmallRange, kFewObjects);
   TypeParam map;
-  BlockModel model;
+  Model model;
   for (std::size_t i = 0; i < writes.size(); ++i) {
     map.Insert(writes[i]);
     model.Insert(writes[i]);
@@ -160,7 +116,7 @@ TYPED_TEST(BenchMaps, AgreeWithTheModelUnderCollidingWrites) {
 TYPED_TEST(BenchMaps, TruncateInsideAnExtentKeepsItsFront) {
   const auto writes = RandomWrites(kWrites, Containers::kReal, kSmallRange, kFewObjects);
   TypeParam map;
-  BlockModel model;
+  Model model;
   for (const Write& write : writes) {
     map.Insert(write);
     model.Insert(write);
@@ -177,7 +133,7 @@ TYPED_TEST(BenchMaps, TruncateInsideAnExtentKeepsItsFront) {
 TYPED_TEST(BenchMaps, AppendKeepsEveryWriteWhole) {
   const auto writes = AppendWrites(kWrites, Containers::kReal);
   TypeParam map;
-  BlockModel model;
+  Model model;
   for (const Write& write : writes) {
     map.Append(write);
     model.Insert(write);
@@ -188,7 +144,7 @@ TYPED_TEST(BenchMaps, AppendKeepsEveryWriteWhole) {
 TYPED_TEST(BenchMaps, FindMeetsTheExtentAndNoHole) {
   const auto writes = RandomWrites(kWrites / 20, Containers::kReal, kSmallRange, kFewObjects);
   TypeParam map;
-  BlockModel model;
+  Model model;
   for (const Write& write : writes) {
     map.Insert(write);
     model.Insert(write);
