@@ -57,7 +57,7 @@ int CMappingLMDB::insert2Cache(long sOff, long eOff, const ObjectID* oid, long o
            static_cast<unsigned long long>(sOff), static_cast<unsigned long long>(eOff),
            static_cast<unsigned long long>(objOff), data);
   dataChanged_ = true;
-  auto at = extCache_.upper_bound(sOff);  // the first that ends behind sOff
+  auto at = FirstEndingBehind(sOff);
   while (at != extCache_.end()) {
     if (eOff <= at->second.startOffset) {
       ZEFS_LOG(kLogTrace,
@@ -81,6 +81,14 @@ int CMappingLMDB::insert2Cache(long sOff, long eOff, const ObjectID* oid, long o
     extDataPointers_[eOff] = data;
   }
   return 0;
+}
+
+CMappingLMDB::ExtentCache::iterator CMappingLMDB::FirstEndingBehind(long offset) {
+  // A file that is written in order needs no search: its next extent lies behind all others.
+  if (extCache_.empty() || extCache_.rbegin()->first <= offset) {
+    return extCache_.end();
+  }
+  return extCache_.upper_bound(offset);
 }
 
 CMappingLMDB::ExtentCache::iterator CMappingLMDB::CutCached(ExtentCache::iterator at, long sOff,

@@ -293,6 +293,7 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// The cache update of insert. The caller holds rwLock_ exclusively. Always 0.
   int insert2Cache(long sOff, long eOff, const ObjectID* oid, long objOff, long objCksum,
                    void* data, int dcOffset);
+  ExtentCache::iterator FirstEndingBehind(long offset);
   /// Cuts the cached extent at `at`, which overlaps [sOff, eOff), down to what survives. Returns
   /// the position of the next one.
   ExtentCache::iterator CutCached(ExtentCache::iterator at, long sOff, long eOff, const void* data);
@@ -374,7 +375,7 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   std::int64_t objListScanned_ = 0;               // ready nodes of the scan under way
   std::list<long>::iterator objListCursor_;       // where it stopped; end: none
   std::unique_ptr<ExtentJournal> journal_;        // null unless "GENERIC"
-  std::int32_t tableType_;                        // kTableTypeGeneric and so on
+  std::int32_t tableType_;                        // 0: "GENERIC", 2: "PROVISION", 1: any other
   std::unique_ptr<DcOffsetStore> dcOffsetStore_;  // from load on
   bool noMmap_ = false;                           // for side files
 };

@@ -132,7 +132,7 @@ int CMappingLMDB::GetNextExtent(long offset, long* nextEnd, ExtLMDB* out) {
     return 0;
   }
 
-  const auto cached = extCache_.upper_bound(offset);  // the first that ends behind it
+  const auto cached = FirstEndingBehind(offset);
   const bool isCached = cached != extCache_.end();
   ExtLMDB older;
   const bool covered = isCached && cached->second.startOffset <= offset;
@@ -160,7 +160,7 @@ int CMappingLMDB::GetNextExtent(long offset, long* nextEnd, ExtLMDB* out) {
 int CMappingLMDB::GetNextExtentInCache(long offset, long* nextEnd, ExtLMDB* out) {
   ZEFS_LOG(kLogTrace, "CMappingLMDB::GetNextExtentInCache(), vOffset=%lld",
            static_cast<long long>(offset));
-  const auto cached = extCache_.upper_bound(offset);
+  const auto cached = FirstEndingBehind(offset);
   if (cached == extCache_.end()) {
     *nextEnd = -1;
     return 0;

@@ -22,9 +22,8 @@ class ExtLMDB;
 inline constexpr std::size_t kRecordBytes = 72;
 
 /// The record of one extent, in the databases and in the extent cache; its key is the extent's end
-/// offset. Copied as raw bytes, in native byte order. A default record is all zero, the gaps
-/// between the fields included where it is made by ReadRecord or value-initialised: no stray byte
-/// of memory may reach a file.
+/// offset. Copied as raw bytes, in native byte order. Made by ReadRecord or value-initialised, so
+/// that the gaps between the fields are zero: no stray byte of memory may reach a file.
 struct ZEFS_EXTMAP_API ExtLMDBEntry {
   std::int64_t startOffset;   ///< logical start offset, bytes
   std::uint64_t dcid;         ///< data container of the object
