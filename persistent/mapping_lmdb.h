@@ -25,7 +25,10 @@
 
 namespace Aldenta::Qnd::Morene::Zefs {
 
+class Transaction;
 struct MappingLMDBTestPeer;
+struct MergeRecord;
+struct MergeStep;
 
 // Types of a table, compared exactly; an unknown one counts as ZEFS_INGEST_STR. Only the first has
 // a journal.
@@ -162,25 +165,55 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// Nothing to save: returns 0.
   int save(const std::string& path, long flags) override;
 
-  /// Not part of this version, as the next three: throws SysException(ENOSYS).
+  /// Not part of this version: throws SysException(ENOSYS).
   int remove(const std::string& path) override;
+
+  /// A forced flush for a caller that holds rwLock_ exclusively, and does without the nodes that
+  /// come free. `wait` waits for the merge that it may start. The journal lives on. Throws
+  /// SysException as checkAndBackfillObjectID.
   void checkAndBackfillObjectIDUnlock(bool wait) override;
+
+  /// The flush: one synced transaction that stores the extents whose nodes have object ids. Does
+  /// nothing below `batchUpdateThreshold` pending keys, and stores nothing below
+  /// `objIdReadyThreshold` ready nodes, unless `force`, which also ends the journal and writes the
+  /// offset store. `*released` becomes the set of nodes that the table is through with. If there
+  /// are any and `lock` is not null, rwLock_ is handed over in `*lock`, still held exclusively: the
+  /// nodes can be let go before any other thread sees the table. May start a merge, and waits for
+  /// it when the merge has fallen behind.
+  ///
+  /// Takes rwLock_ exclusively, and keeps it while it waits. Throws SysException: the code of
+  /// ProtectShare, after which the extents collected can no longer be flushed but stay readable; -1
+  /// if a database refused them, and nothing is changed there; LMDB's code of a failed commit,
+  /// which loses them. The host takes each of these for a failed write.
   void checkAndBackfillObjectID(std::set<void*>* released, bool force,
                                 const std::string& shareScope, const std::string& share,
                                 zefs::DataTransferManagement* transfer, UniqueLock* lock) override;
+
+  /// Not part of this version: throws SysException(ENOSYS).
   int Snapshot(const std::string& source, const std::string& target) override;
 
   /// Does nothing: object ids reach this table through the flush.
   void SetObjectID(Ext* ext, const ObjectID& oid) override;
 
-  /// Not part of this version, as the next five: throws SysException(ENOSYS).
+  /// Not part of this version, as the next: throws SysException(ENOSYS).
   ObjectIDs GetObjectIdsAndOffsets(unsigned long start, unsigned long end) override;
   int UpdateObjectIdsByRange(unsigned long start, unsigned long end,
                              const ObjectIDs& list) override;
+
+  /// Not supported by this table, as the next: throws the int 0.
   void GetNewReferencedDCID(std::vector<std::pair<unsigned long, unsigned long>>* out) override;
   void GetReferencedFP(std::vector<FingerprintText>* out) override;
+
+  /// Adds the bytes of all stored extents to `*dcids` by container, one that has newer data under
+  /// its key not counted, and appends the fingerprints of all of them, replaced ones included. What
+  /// is in the cache only is not seen. Returns 0. Holds tableLock_ shared.
   int GetDCIDAndFPs(std::unordered_map<unsigned long, unsigned long>* dcids,
                     std::vector<crfp_digest_t>* fps) override;
+
+  /// Replaces both by what the stored extents reference: pairs of container and bytes, and a filter
+  /// of the fingerprints. Takes the full database's part from the bloom file of the last merge if
+  /// that is sound, so extents replaced since then may still be counted. Clears what IsDataChanged
+  /// reports. Holds tableLock_ shared.
   void GetDCIDAndBloomFilter(std::vector<std::pair<unsigned long, unsigned long>>* dcids,
                              std::unique_ptr<BloomFilter>* filter) override;
 
@@ -338,10 +371,102 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   static void LogChainStep(const LMDBContext& db, long offset);
   void getExtLMDBFromExtLMDBEntry(long key, const ExtLMDBEntry* entry, ExtLMDB* out);
 
-  // --- merge (merge_thread.cc)
+  // --- flush (flush.cc). The caller holds rwLock_ exclusively.
 
+  /// End offsets of extents whose object ids are known, with what is known.
+  using ReadyExtents = std::map<long, ObjectIDAndDCOff>;
+
+  /// Takes what is ready off objList_: with `force` up to the first node that is not ready, else,
+  /// and only if objIdReadyThreshold nodes in a row are ready, all but the last of these. Adds to
+  /// `*ids` what is to be stored and to `*released` the nodes that are needed no longer.
+  void GetObjectIDMap(ReadyExtents* ids, std::set<void*>* released, bool force);
+  /// Moves the cursor on over nodes that are ready, and counts them.
+  void ScanReadyNodes();
+  /// Takes everything before the cursor off the list.
+  void CollectReadyExtents(ReadyExtents* ids, std::set<void*>* released, bool force);
+  void CollectKnownExtent(long key, ReadyExtents* ids);
+  void CollectSharers(void* node, const ObjectIDAndDCOff& value, ReadyExtents* ids);
+  std::list<long>::iterator DropPending(std::list<long>::iterator at);
+
+  /// Stores `ids` in the database that takes the flushes, starts a merge if one is due, and waits
+  /// for it with `wait` or if the database has outgrown its limit. 0, -1, or LMDB's code of a
+  /// failed commit. Takes tableLock_ shared, and not while it waits.
+  int UpdateObjectID(const ReadyExtents& ids, bool wait);
+  /// The transaction itself. The extents leave the cache before the commit: a failed one (LMDB's
+  /// code) loses them, any other failure (-1) changes nothing. Throws if no transaction can be
+  /// begun. The caller holds tableLock_.
+  int UpdateObjectID(const ReadyExtents& ids, const LMDBContext& db);
+  bool PutSpecialItems(const Transaction& transaction, long maxEnd);
+  /// Stores one extent in place of whatever it overlaps, of which the pieces outside it stay, with
+  /// journal records and offset-store entries beside. 0, -1 or a code; the caller aborts then.
+  int insert2DB(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cursor, long sOff, long eOff,
+                const ObjectID* oid, long objOff, int dcOffset);
+  /// Cuts the record under the cursor, [record.startOffset, end), down to what lies outside
+  /// `extent`.
+  int CutStored(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cursor, const ExtLMDBEntry& record,
+                long end, const Extent& extent, int dcOffset);
+  // The log calls what fails in these two by the offset `named`.
+  static int PutRecord(const LMDBContext& db, MDB_txn* txn, long end, ExtLMDBEntry entry,
+                       long named);
+  int TrackDcOffset(long start, const Extent& extent, int dcOffset, long named);
+  /// Adds a journal record of `extent` to a table that has a journal, starting it if need be.
+  int WriteJournal(const Extent& extent, op_t op);
+  bool JournalRuns() const;
+  bool HasJournal() const { return tableType_ == 0; }
+  /// Takes tableLock_ shared.
+  bool IsTmpOpened();
+
+  // --- merge (merge.cc, merge_thread.cc)
+
+  /// Starts the merge thread unless one is there; one that has finished is joined first. Throws if
+  /// there can be none. Takes mergeMutex_.
+  void StartMergeThread();
   /// Joins the merge thread if there is one. Takes mergeMutex_ and holds it throughout.
   void WaitingForMerge();
+  /// What the merge thread runs: one merge, with every failure in the log. Null.
+  static void* MergeThreadMain(void* table);
+  /// One whole merge: opens the tmp database for the flushes, writes the union of the small and the
+  /// full database, and puts it in the place of both. 0 or a code; throws if it could not begin.
+  /// Takes tableLock_ exclusively for its first and its last phase.
+  int MergeAndSwitch();
+  class MergeDb;
+  /// First phase. False if another merge is under way.
+  bool BeginMerge();
+  /// Opens an empty merge database.
+  void PrepareMergeDb(MergeDb* merged);
+  /// Last phase; the caller holds tableLock_ exclusively. `*result` is the last code seen.
+  void SwitchDbs(MergeDb* merged, bool withBloom, int* result);
+  int SwitchBloom(bool withBloom);
+  /// Writes the union of `full` and the newer `incremental` to `merged`, and, if `withBloom`, what
+  /// it references to the bloom file of the merge. 0, or throws. Takes tableLock_ for moments only.
+  int MergeDBs(const LMDBContext& full, const LMDBContext& incremental, const LMDBContext& merged,
+               bool withBloom);
+  void WriteUnion(const LMDBContext& full, const LMDBContext& incremental,
+                  const LMDBContext& merged, BloomFilter* bloom);
+  /// Writes `record`, cut as `step` says, and counts its references into `bloom` if there is one.
+  int PutMerged(const MergeRecord& record, const ExtLMDBEntry& entry, MDB_val value,
+                const MergeStep& step, const Transaction& output, BloomFilter* bloom);
+  void PutMergedSpecialItems(Transaction* output);
+  void StoreMergedBloom(BloomFilter* bloom);
+
+  // --- references (references.cc)
+
+  /// Walks `db` and adds bytes by container and fingerprints. The caller keeps the database open.
+  void ConstructRefTable(const LMDBContext& db,
+                         std::unordered_map<unsigned long, unsigned long>* dcidRefs,
+                         BloomFilter* bloom);
+  /// Walks `db` and adds start and container by key, unless the key is there, and every
+  /// fingerprint.
+  void ConstructRefTable(const LMDBContext& db,
+                         std::unordered_map<long, std::pair<long, unsigned long>>* extents,
+                         std::vector<crfp_digest_t>* fps);
+  /// Counts one extent in. A null `bloom` means that a merge keeps no references: nothing happens.
+  static void ConstructRefs(long key, const ExtLMDBEntry* entry,
+                            std::unordered_map<unsigned long, unsigned long>* dcidRefs,
+                            BloomFilter* bloom);
+  /// True and the filter and references of the bloom file, if it is there, wanted and sound.
+  bool LoadBloom(std::unique_ptr<BloomFilter>* bloom,
+                 std::unordered_map<unsigned long, unsigned long>* refs);
 
   LMDBContext tmpDb_;    // takes the flushes while it is open
   LMDBContext smallDb_;  // open from load on

@@ -30,18 +30,6 @@ int CMappingLMDB::remove(const std::string& /*path*/) {
   Refuse(__func__);
 }
 
-void CMappingLMDB::checkAndBackfillObjectIDUnlock(bool /*wait*/) {
-  Refuse(__func__);
-}
-
-void CMappingLMDB::checkAndBackfillObjectID(std::set<void*>* /*released*/, bool /*force*/,
-                                            const std::string& /*shareScope*/,
-                                            const std::string& /*share*/,
-                                            zefs::DataTransferManagement* /*transfer*/,
-                                            UniqueLock* /*lock*/) {
-  Refuse(__func__);
-}
-
 int CMappingLMDB::Snapshot(const std::string& /*source*/, const std::string& /*target*/) {
   Refuse(__func__);
 }
@@ -53,26 +41,6 @@ CMappingTable::ObjectIDs CMappingLMDB::GetObjectIdsAndOffsets(unsigned long /*st
 
 int CMappingLMDB::UpdateObjectIdsByRange(unsigned long /*start*/, unsigned long /*end*/,
                                          const ObjectIDs& /*list*/) {
-  Refuse(__func__);
-}
-
-void CMappingLMDB::GetNewReferencedDCID(
-    std::vector<std::pair<unsigned long, unsigned long>>* /*out*/) {
-  Refuse(__func__);
-}
-
-void CMappingLMDB::GetReferencedFP(std::vector<FingerprintText>* /*out*/) {
-  Refuse(__func__);
-}
-
-int CMappingLMDB::GetDCIDAndFPs(std::unordered_map<unsigned long, unsigned long>* /*dcids*/,
-                                std::vector<crfp_digest_t>* /*fps*/) {
-  Refuse(__func__);
-}
-
-void CMappingLMDB::GetDCIDAndBloomFilter(
-    std::vector<std::pair<unsigned long, unsigned long>>* /*dcids*/,
-    std::unique_ptr<BloomFilter>* /*filter*/) {
   Refuse(__func__);
 }
 

@@ -109,7 +109,43 @@ struct MappingLMDBTestPeer {
   void previousExtDB(long offset, long* previousEnd, ExtLMDB* out) {
     table.previousExtDB(offset, previousEnd, out);
   }
+  void GetObjectIDMap(std::map<long, ObjectIDAndDCOff>* ids, std::set<void*>* released,
+                      bool force) {
+    table.GetObjectIDMap(ids, released, force);
+  }
+  int UpdateObjectID(const std::map<long, ObjectIDAndDCOff>& ids, bool wait) {
+    return table.UpdateObjectID(ids, wait);
+  }
+  int UpdateObjectID(const std::map<long, ObjectIDAndDCOff>& ids, const LMDBContext& db) {
+    return table.UpdateObjectID(ids, db);
+  }
+  int insert2DB(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cursor, long sOff, long eOff,
+                const ObjectID* oid, long objOff, int dcOffset) {
+    return table.insert2DB(db, txn, cursor, sOff, eOff, oid, objOff, dcOffset);
+  }
+  void StartMergeThread() { table.StartMergeThread(); }
   void WaitingForMerge() { table.WaitingForMerge(); }
+  static void* MergeThreadMain(void* t) { return CMappingLMDB::MergeThreadMain(t); }
+  int MergeAndSwitch() { return table.MergeAndSwitch(); }
+  int MergeDBs(const LMDBContext& full, const LMDBContext& incremental, const LMDBContext& merged,
+               bool withBloom) {
+    return table.MergeDBs(full, incremental, merged, withBloom);
+  }
+  void ConstructRefTable(const LMDBContext& db,
+                         std::unordered_map<unsigned long, unsigned long>* dcidRefs,
+                         BloomFilter* bloom) {
+    table.ConstructRefTable(db, dcidRefs, bloom);
+  }
+  void ConstructRefTable(const LMDBContext& db,
+                         std::unordered_map<long, std::pair<long, unsigned long>>* extents,
+                         std::vector<crfp_digest_t>* fps) {
+    table.ConstructRefTable(db, extents, fps);
+  }
+  static void ConstructRefs(long key, const ExtLMDBEntry* entry,
+                            std::unordered_map<unsigned long, unsigned long>* dcidRefs,
+                            BloomFilter* bloom) {
+    CMappingLMDB::ConstructRefs(key, entry, dcidRefs, bloom);
+  }
   static const std::map<int, std::string>& mdb_errno_to_string() {
     return CMappingLMDB::mdb_errno_to_string;
   }

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <ctime>
+
+namespace zefs::test {
+
+/// From now on each look at the clock of the process, by `time`, sees it `step` seconds later than
+/// the look before; 0 gives the real clock back. For one thread that looks.
+void SetClockStep(std::time_t step);
+
+}  // namespace zefs::test
