@@ -25,6 +25,22 @@ long PrintedDcid(const ObjectID& id) {
   return static_cast<long>(id.dcid);
 }
 
+/// Puts the table's object id and commits, or throws.
+void StoreObjectID(Transaction* transaction, const ObjectID& id) {
+  int ret = transaction->Put(SPECIAL_KEY_DOID, SpecialValue::OfObjectID(id));
+  if (ret != 0) {
+    ZEFS_LOG(kLogFailure, "Failed to put do id fp %s, dcid %ld, ret:%d", TextOf(id.fp).data(),
+             PrintedDcid(id), ret);
+    throw SysException(ret);
+  }
+  transaction->CloseCursor();
+  ret = transaction->Commit();
+  if (ret != 0) {
+    ZEFS_LOG(kLogFailure, "Failed to submit txn to put do id, ret:%d", ret);
+    throw SysException(ret);
+  }
+}
+
 }  // namespace
 
 // --- file size and version ---------------------------------------------------------------------
@@ -185,24 +201,13 @@ int CMappingLMDB::GetDOIDUnlocked(LMDBContext* db, ObjectID* out) {
   ObjectID doid;
   MakeEmptyDOID(&doid);
   MDB_val value;
-  int ret = transaction.Get(SPECIAL_KEY_DOID, &value);
+  const int ret = transaction.Get(SPECIAL_KEY_DOID, &value);
   if (ret == 0) {
     SpecialValue(value).GetObjectID(&doid);
     ZEFS_LOG(kLogTrace, "Get do fp %s, dcid %ld, db=%s", TextOf(doid.fp).data(), PrintedDcid(doid),
              db->path.c_str());
   } else if (ret == MDB_NOTFOUND) {
-    ret = transaction.Put(SPECIAL_KEY_DOID, SpecialValue::OfObjectID(doid));
-    if (ret != 0) {
-      ZEFS_LOG(kLogFailure, "Failed to put do id fp %s, dcid %ld, ret:%d", TextOf(doid.fp).data(),
-               PrintedDcid(doid), ret);
-      throw SysException(ret);
-    }
-    transaction.CloseCursor();
-    ret = transaction.Commit();
-    if (ret != 0) {
-      ZEFS_LOG(kLogFailure, "Failed to submit txn to put do id, ret:%d", ret);
-      throw SysException(ret);
-    }
+    StoreObjectID(&transaction, doid);
     out->dcid = doid.dcid;
     out->fp = doid.fp;
     return 0;
@@ -219,20 +224,9 @@ int CMappingLMDB::GetDOIDUnlocked(LMDBContext* db, ObjectID* out) {
 
 int CMappingLMDB::SetDOIDUnlocked(LMDBContext* db, ObjectID* id) {
   Transaction transaction(*db, Transaction::kWrite, path_);
-  const FingerprintText text = TextOf(id->fp);
-  int ret = transaction.Put(SPECIAL_KEY_DOID, SpecialValue::OfObjectID(*id));
-  if (ret != 0) {
-    ZEFS_LOG(kLogFailure, "Failed to put do id fp %s, dcid %ld, ret:%d", text.data(),
-             PrintedDcid(*id), ret);
-    throw SysException(ret);
-  }
-  transaction.CloseCursor();
-  ret = transaction.Commit();
-  if (ret != 0) {
-    ZEFS_LOG(kLogFailure, "Failed to submit txn to put do id, ret:%d", ret);
-    throw SysException(ret);
-  }
-  ZEFS_LOG(kLogTrace, "update do id fp %s, dcid %ld, ret:%d", text.data(), PrintedDcid(*id), ret);
+  StoreObjectID(&transaction, *id);
+  ZEFS_LOG(kLogTrace, "update do id fp %s, dcid %ld, ret:%d", TextOf(id->fp).data(),
+           PrintedDcid(*id), 0);
   return 0;
 }
 

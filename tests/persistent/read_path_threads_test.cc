@@ -7,47 +7,21 @@
 #include <gmock/gmock.h>
 
 #include "tests/persistent/read_path_fixture.h"
+#include "tests/support/held_lock.h"
 
 namespace {
 
 using namespace Aldenta::Qnd::Morene::Zefs;
 using testing::ElementsAre;
 using testing::Optional;
+using zefs::test::AwaitWriterAt;
+using zefs::test::Held;
+using zefs::test::HowIsHeld;
 using zefs::test::Part;
 using zefs::test::PartOf;
 
 using SharedLock = CMappingTable::SharedLock;
 using UniqueLock = CMappingTable::UniqueLock;
-
-enum class Held { kNot, kShared, kExclusively };
-
-void PrintTo(Held held, std::ostream* out) {
-  *out << (held == Held::kNot ? "free" : held == Held::kShared ? "shared" : "exclusive");
-}
-
-/// How a lock is held that no other thread waits for. Asked from a thread of its own, as a thread
-/// must not try a lock that it holds.
-Held HowIsHeld(boost::shared_mutex& lock) {
-  Held held = Held::kNot;
-  std::thread([&] {
-    if (lock.try_lock()) {
-      lock.unlock();
-    } else if (lock.try_lock_shared()) {
-      lock.unlock_shared();
-      held = Held::kShared;
-    } else {
-      held = Held::kExclusively;
-    }
-  }).join();
-  return held;
-}
-
-/// Waits until a thread waits for `lock`, which is held shared, to have it exclusively.
-void AwaitWriterAt(boost::shared_mutex& lock) {
-  while (HowIsHeld(lock) != Held::kExclusively) {  // new readers have to wait behind it
-    std::this_thread::yield();
-  }
-}
 
 const Part kCached{100, 200, 70};
 const Part kWithNode{300, 400, 71};
