@@ -1,26 +1,23 @@
 #include "refhost/cli/check_command.h"
 
-#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <exception>
 #include <iostream>
 #include <memory>
 #include <new>
-#include <stdexcept>
 #include <string>
 #include <system_error>
 
 #include <CLI/CLI.hpp>
-#include <sys/stat.h>
 
+#include "refhost/check/change_plan.h"
+#include "refhost/check/plain_copies.h"
+#include "refhost/cli/command_support.h"
+#include "refhost/cli/common_options.h"
 #include "refhost/cli/exit_status.h"
 #include "refhost/cli/printable.h"
-#include "refhost/cli/progress.h"
 #include "refhost/cli/report.h"
-#include "refhost/cli/signal_guard.h"
-#include "refhost/store/change_plan.h"
-#include "refhost/store/plain_copies.h"
 #include "refhost/store/store_error.h"
 
 namespace zefs::refhost {
@@ -48,18 +45,6 @@ constexpr const char* kStatuses =
 
 double RateOf(const PhaseFigures& phase) {
   return phase.seconds > 0 ? static_cast<double>(phase.bytes) / phase.seconds : 0;
-}
-
-double DedupRatio(std::uint64_t written, std::uint64_t kept) {
-  return kept == 0 ? 1.0 : static_cast<double>(written) / static_cast<double>(kept);
-}
-
-nlohmann::ordered_json SkippedAsJson(const std::vector<Skipped>& skipped) {
-  nlohmann::ordered_json list = nlohmann::ordered_json::array();
-  for (const Skipped& one : skipped) {
-    list.push_back({{"path", one.path}, {"reason", one.reason}});
-  }
-  return list;
 }
 
 nlohmann::ordered_json DifferenceAsJson(const CheckResult& result) {
@@ -101,21 +86,24 @@ Report ReportOf(const CheckResult& result, const CheckOptions& options, double s
   report.Seconds("seconds", "time in all", seconds);
   report.Data("segment_size", options.segmentSize);
   report.Data("seed", options.seed);
+  report.Words("tables", "tables", NameOf(options.tables));
+  if (options.tables == TableKind::kPersistent) {
+    report.Words("truncation", "files cut by", "mapping what stays into a new table");
+    report.Count("flushes", "flushes of tables", result.activity.flushes);
+    report.Count("merges", "merges of tables", result.activity.merges);
+    report.Count("nodes", "nodes of the data cache, each released once", result.activity.nodes);
+  } else {
+    report.Words("truncation", "files cut by", "the tables");
+  }
   if (options.keep) {
     report.Words("store", "store kept in", result.storePath);
   }
   return report;
 }
 
-void TellSkipped(const CheckResult& result, std::ostream& err) {
-  for (const Skipped& one : result.skipped) {
-    err << "skipped " << Printable(one.path) << ": " << one.reason << '\n';
-  }
-}
-
 void Tell(const CheckResult& result, const Report& report, bool json, std::ostream& out,
           std::ostream& err) {
-  TellSkipped(result, err);
+  TellSkipped(result.skipped, err);
   if (result.difference.has_value()) {
     const Difference& difference = *result.difference;
     err << "difference in " << Printable(difference.path) << " at offset " << difference.offset
@@ -132,20 +120,11 @@ void Tell(const CheckResult& result, const Report& report, bool json, std::ostre
 /// What a check that came to no result leaves behind.
 void TellFailure(const CheckResult& result, const CheckOptions& options, const char* reason,
                  std::ostream& err) {
-  TellSkipped(result, err);
+  TellSkipped(result.skipped, err);
   err << "zefs-host check: " << Printable(reason) << '\n';
   if (options.keep && !result.storePath.empty()) {
     err << "store kept in " << Printable(result.storePath) << '\n';
   }
-}
-
-/// Refuses a path that is not there. Any other trouble with it is that of one unreadable file.
-std::string PathProblem(const std::string& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR)) {
-    return {};
-  }
-  return "'" + path + "' does not exist: " + ReasonOf(errno);
 }
 
 std::string StoreTextProblem(const std::string& text) {
@@ -165,29 +144,10 @@ std::string NormaliseSeed(std::string& text) {
   return {};
 }
 
-/// What is wrong with a segment size as it stands on the command line, in bytes; empty if nothing
-/// is.
-std::string SegmentSizeTextProblem(const std::string& text) {
-  std::uint64_t size = 0;
-  const char* const end = text.data() + text.size();
-  const auto [behind, error] = std::from_chars(text.data(), end, size);
-  if (error != std::errc() || behind != end) {
-    return "segment size " + text + " is not a number of bytes";
-  }
-  return SegmentSizeProblem(size);
-}
-
 void RunWithProgress(const CheckOptions& options, const BeforeVerify& beforeVerify,
                      CheckResult* result) {
-  ProgressBar bar;
-  const SignalGuard guard;
-  const auto progress = [&bar](std::string_view phase, std::uint64_t done, std::uint64_t total) {
-    if (SignalGuard::Interrupted()) {
-      throw std::runtime_error("interrupted");
-    }
-    bar.Update(phase, done, total);
-  };
-  RunCheckInto(options, progress, beforeVerify, result);
+  WithProgress(
+      [&](const Progress& progress) { RunCheckInto(options, progress, beforeVerify, result); });
 }
 
 }  // namespace
@@ -214,35 +174,27 @@ void AddCheckCommand(CLI::App& app, int* exitStatus) {
   struct Given {
     CheckOptions options;
     bool json = false;
+    bool memory = false;
+    TableOptions tables;
   };
   const auto given = std::make_shared<Given>();
   CLI::App* const command = app.add_subcommand("check", kDescription + RoomNeeded() + kStatuses);
-  // Any number of paths without the extra arguments of one option: with these, CLI11 would take
-  // the name `[a,b]` for a list of names.
-  constexpr int kAnyNumber = CLI::detail::expected_max_vector_size;
-  command->add_option("PATH", given->options.paths, "Files, and directories with all below them")
-      ->required()
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-      ->expected(kAnyNumber, kAnyNumber)
-      ->allow_extra_args(false)
-      ->check(CLI::Validator(PathProblem, ""));
+  AddSourcePaths(command, &given->options.paths);
   command
       ->add_option("--store", given->options.storeDirectory,
                    "Empty or missing directory for the store (default: a temporary one)")
       ->check(CLI::Validator(StoreTextProblem, ""));
   command->add_flag("--keep", given->options.keep, "Do not remove the store at the end");
-  command
-      ->add_option(
-          "--segment-size", given->options.segmentSize,
-          "Bytes of a segment, a power of two from 512 to 1048576; 16K and 1M are taken too")
-      ->transform(CLI::AsSizeValue(false))
-      ->check(CLI::Validator(SegmentSizeTextProblem, ""))
-      ->capture_default_str();
+  AddSegmentSize(command, &given->options.segmentSize);
   command->add_option("--seed", given->options.seed, "Decides how files are changed")
       ->transform(CLI::Validator(NormaliseSeed, ""))
       ->capture_default_str();
+  command->add_flag("--memory", given->memory, "Use tables in memory instead of persistent ones");
+  AddTableOptions(command, &given->tables);
   command->add_flag("--json", given->json, "Print the result as JSON");
   command->callback([given, exitStatus] {
+    given->options.tables = given->memory ? TableKind::kMemory : TableKind::kPersistent;
+    given->tables.Apply();
     *exitStatus = RunAndReport(given->options, given->json, std::cout, std::cerr);
   });
 }

@@ -2,7 +2,7 @@
 
 #include <iosfwd>
 
-#include "refhost/store/checker.h"
+#include "refhost/check/checker.h"
 
 namespace CLI {
 class App;

@@ -8,6 +8,7 @@
 #include "refhost/cli/exit_status.h"
 #include "refhost/cli/printable.h"
 #include "refhost/cli/replay_command.h"
+#include "refhost/cli/store_commands.h"
 
 // zefs-host: a host for the extent map, with commands that put it to work.
 
@@ -33,6 +34,7 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", "zefs-host " ZEFS_VERSION);
   app.failure_message(UsageError);
   app.require_subcommand(1);
+  zefs::refhost::AddStoreCommands(app, &exitStatus);
   zefs::refhost::AddCheckCommand(app, &exitStatus);
   zefs::refhost::AddReplayCommand(app, &exitStatus);
   try {

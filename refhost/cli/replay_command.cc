@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "refhost/cli/common_options.h"
 #include "refhost/cli/exit_status.h"
 #include "refhost/cli/printable.h"
 #include "refhost/cli/progress.h"
@@ -22,6 +23,10 @@ the number of the unit (file, disk or object) that it belongs to, separated by o
 write maps its range to a new object, every read looks its range up; each unit has a map of its own.
 Exit status: 0 fine; 1 a map differs from the model of --check; 2 the trace cannot be read or has a
 line that is no request.)";
+
+// Persistent tables of a replay: little enough that real traces see many flushes and merges.
+constexpr std::uint32_t kFlushAfter = 256;
+constexpr std::uint32_t kMergeAfter = 1000;
 
 double PerSecond(std::uint64_t count, double seconds) {
   return seconds > 0 ? static_cast<double>(count) / seconds : 0;
@@ -53,6 +58,11 @@ Report ReportOf(const ReplayReport& replay, const ReplayOptions& options) {
   report.Rate("writes_per_second", "writes per second",
               PerSecond(replay.writes, replay.writeSeconds));
   report.Rate("reads_per_second", "reads per second", PerSecond(replay.reads, replay.readSeconds));
+  report.Words("tables", "tables", NameOf(options.tables));
+  if (options.tables == TableKind::kPersistent) {
+    report.Count("flushes", "flushes", replay.flushes);
+    report.Count("merges", "merges", replay.merges);
+  }
   if (replay.difference.has_value()) {
     return report;
   }
@@ -60,9 +70,11 @@ Report ReportOf(const ReplayReport& replay, const ReplayOptions& options) {
   report.Count("extents", "extents", static_cast<std::uint64_t>(replay.tables.extents));
   report.Count("runs", "runs of one writer", replay.runs);
   report.Bytes("bytes_mapped", "mapped", replay.bytesMapped);
-  report.Count("map_nodes", "nodes of the maps", static_cast<std::uint64_t>(replay.tables.nodes));
-  report.Bytes("map_bytes", "memory of the maps' nodes",
-               static_cast<std::uint64_t>(replay.tables.bytes));
+  if (options.tables == TableKind::kMemory) {
+    report.Count("map_nodes", "nodes of the maps", static_cast<std::uint64_t>(replay.tables.nodes));
+    report.Bytes("map_bytes", "memory of the maps' nodes",
+                 static_cast<std::uint64_t>(replay.tables.bytes));
+  }
   report.Words("digest", "digest of the final state", replay.digest);
   return report;
 }
@@ -114,14 +126,24 @@ void AddReplayCommand(CLI::App& app, int* exitStatus) {
   struct Given {
     ReplayOptions options;
     bool json = false;
+    bool persistent = false;
+    TableOptions tables{kFlushAfter, kMergeAfter};
   };
   const auto given = std::make_shared<Given>();
   CLI::App* const command = app.add_subcommand("replay", kDescription);
   command->add_option("TRACE", given->options.path, "The trace, plain text or gzip")->required();
   command->add_flag("--check", given->options.check,
                     "Compare every read, and the final state, with a simple model");
+  command->add_flag("--persistent", given->persistent,
+                    "Replay on persistent tables, with flushes and merges on the way and a fresh "
+                    "load at the end");
+  AddTableOptions(command, &given->tables, TableOptions{kFlushAfter, kMergeAfter});
   command->add_flag("--json", given->json, "Print the result as JSON");
   command->callback([given, exitStatus] {
+    if (given->persistent) {
+      given->options.tables = TableKind::kPersistent;
+      given->tables.Apply();
+    }
     *exitStatus = ReplayAndReport(given->options, given->json, std::cout, std::cerr);
   });
 }

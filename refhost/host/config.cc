@@ -36,8 +36,9 @@ FileSystemDaemonConfig::FileSystemDaemonConfig()
       mergeCommitBatchSize(10000),
       // A filter is some bytes for each record, and saves a walk of the full database per question.
       persistBloom(1),
-      // Reads of files are mostly sequential, so the extents just found are wanted next.
-      prefetchEnabled(1),
+      // Off: this version of the library fills no list of prefetched extents, and one that outlives
+      // a write inside it would be read in its place.
+      prefetchEnabled(0),
       // A thousand segments of 16 KiB on either side: what a few read-aheads cover.
       prefetchSpanBytes(16U << 20),
       // Lets a read go to the container without asking its index.

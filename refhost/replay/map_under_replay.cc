@@ -68,26 +68,19 @@ class QuietOutput {
 }  // namespace
 
 MappingTable* MakeDefaultTable() {
-  return Aldenta::Qnd::Morene::Zefs::CreateMappingTable(nullptr, "");
-}
-
-MappingTable& MapUnderReplay::TableOf(unsigned long unit) {
-  std::unique_ptr<MappingTable>& table = tables_[unit];
-  if (table == nullptr) {
-    table.reset(makeTable_());
-  }
-  return *table;
+  return NewTable(TableKind::kMemory, nullptr).release();
 }
 
 void MapUnderReplay::Write(const TraceRequest& request, unsigned long line) {
-  const ObjectID object = ObjectOf(line);
-  TableOf(request.unit)
-      .insert(request.start, request.end, &object, /*objOff=*/0, /*objCksum=*/0, /*data=*/nullptr,
-              /*dcOffset=*/-1, /*trace=*/nullptr);
+  units_.insert(request.unit);
+  // Where a container would have it is the host's affair: any place that is known will do.
+  const auto dcOffset = static_cast<int>(line % kWritesAContainer);
+  tables_->Insert(request.unit, request.start, request.end, ObjectOf(line), dcOffset);
 }
 
 void MapUnderReplay::Read(const TraceRequest& request, std::vector<Piece>* pieces) {
-  MappingTable& table = TableOf(request.unit);
+  units_.insert(request.unit);
+  MappingTable& table = tables_->Of(request.unit);
   const MappingTable::iterator end = table.end();
   for (MappingTable::iterator position = table.find(request.start, nullptr);
        position != end && position->getSOff() < request.end; ++position) {
@@ -99,34 +92,28 @@ void MapUnderReplay::Read(const TraceRequest& request, std::vector<Piece>* piece
 }
 
 std::vector<Piece> MapUnderReplay::ReadAll(unsigned long unit) {
-  MappingTable& table = TableOf(unit);
+  MappingTable& table = tables_->Of(unit);
   std::vector<Piece> pieces;
   const MappingTable::iterator end = table.end();
   for (MappingTable::iterator position = table.begin(); position != end; ++position) {
     Ext& ext = *position;
+    ++extentsRead_;
     AppendPiece(&pieces, {ext.getSOff(), ext.getEOff(), LineOf(ext), ext.getObjOff()});
   }
   return pieces;
 }
 
-std::vector<unsigned long> MapUnderReplay::Units() const {
-  std::vector<unsigned long> units;
-  for (const auto& [unit, table] : tables_) {
-    units.push_back(unit);
-  }
-  return units;
-}
-
 MapUnderReplay::Size MapUnderReplay::Measure() {
   const QuietOutput quiet;
   Size total;
-  for (const auto& [unit, table] : tables_) {
+  for (const unsigned long unit : units_) {
+    MappingTable& table = tables_->Of(unit);
     long nodes = 0;
     long slots = 0;
-    total.bytes += table->getTableSize(&nodes, &slots);
+    total.bytes += table.getTableSize(&nodes, &slots);
     total.nodes += nodes;
-    total.extents += table->size();
   }
+  total.extents = extentsRead_;
   return total;
 }
 

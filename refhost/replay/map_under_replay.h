@@ -1,24 +1,18 @@
 #pragma once
 
-#include <functional>
-#include <map>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
 #include "refhost/replay/piece.h"
 #include "refhost/replay/trace_parser.h"
-#include "table/mapping_table.h"
+#include "refhost/replay/unit_tables.h"
 
 namespace zefs::refhost {
 
-using MappingTable = Aldenta::Qnd::Morene::Zefs::CMappingTable;
-
-/// Makes an empty table, which the caller owns.
-using TableFactory = std::function<MappingTable*()>;
-
-/// What CreateMappingTable makes.
+/// A table in memory.
 MappingTable* MakeDefaultTable();
 
 /// A table has an extent that no write of the trace can have told it.
@@ -34,7 +28,7 @@ class ForeignExtent : public std::runtime_error {
 /// its line can be told again; writes share container ids by the hundred, as segments of data do.
 class MapUnderReplay {
  public:
-  explicit MapUnderReplay(TableFactory makeTable) : makeTable_(std::move(makeTable)) {}
+  explicit MapUnderReplay(std::unique_ptr<UnitTables> tables) : tables_(std::move(tables)) {}
 
   /// Line `line` of the trace, counted from 0, writes its range.
   void Write(const TraceRequest& request, unsigned long line);
@@ -47,21 +41,22 @@ class MapUnderReplay {
   std::vector<Piece> ReadAll(unsigned long unit);
 
   /// The units that have been named, in rising order.
-  std::vector<unsigned long> Units() const;
+  std::vector<unsigned long> Units() const { return {units_.begin(), units_.end()}; }
+
+  UnitTables& tables() { return *tables_; }
 
   struct Size {
     long extents = 0;
-    long bytes = 0;  ///< memory of the tables' nodes
+    long bytes = 0;  ///< memory of the nodes of tables in memory
     long nodes = 0;
   };
-  /// Of all tables together.
+  /// Of all tables together, once each has been read by ReadAll.
   Size Measure();
 
  private:
-  MappingTable& TableOf(unsigned long unit);
-
-  TableFactory makeTable_;
-  std::map<unsigned long, std::unique_ptr<MappingTable>> tables_;
+  std::unique_ptr<UnitTables> tables_;
+  std::set<unsigned long> units_;
+  long extentsRead_ = 0;  // by ReadAll
 };
 
 }  // namespace zefs::refhost

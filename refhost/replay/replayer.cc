@@ -2,13 +2,18 @@
 
 #include <chrono>
 #include <climits>
+#include <memory>
+#include <optional>
+#include <stdexcept>
 #include <unordered_map>
 #include <utility>
 #include <variant>
 #include <vector>
 
+#include "refhost/check/work_dir.h"
 #include "refhost/replay/final_state.h"
 #include "refhost/replay/interval_model.h"
+#include "refhost/replay/stored_unit_tables.h"
 #include "refhost/replay/trace_parser.h"
 
 namespace zefs::refhost {
@@ -40,7 +45,7 @@ std::uint64_t LengthOf(const TraceRequest& request) {
 class Replayer {
  public:
   Replayer(const ReplayOptions& options, const ReplayProgress& progress)
-      : options_(options), progress_(progress), trace_(options.path), map_(options.makeTable) {}
+      : options_(options), progress_(progress), trace_(options.path), map_(MakeTables()) {}
 
   ReplayReport Run() {
     std::string_view line;
@@ -55,12 +60,33 @@ class Replayer {
       }
     }
     if (!report_.difference.has_value()) {
+      EndWrites();
       SumUp();
     }
     return std::move(report_);
   }
 
  private:
+  std::unique_ptr<UnitTables> MakeTables() {
+    if (options_.tables == TableKind::kMemory) {
+      return std::make_unique<MemoryUnitTables>(options_.makeTable);
+    }
+    directory_.emplace("", /*keep=*/false, "tables");
+    return std::make_unique<StoredUnitTables>(directory_->data());
+  }
+
+  void EndWrites() {
+    {
+      const Stopwatch watch(&report_.writeSeconds);
+      map_.tables().EndWrites();
+    }
+    report_.flushes = map_.tables().flushes();
+    report_.merges = map_.tables().merges();
+    if (const std::string problem = map_.tables().Problem(); !problem.empty()) {
+      throw std::runtime_error(problem);
+    }
+  }
+
   void Perform(const TraceRequest& request) {
     if (request.operation == TraceRequest::Operation::kWrite) {
       Write(request);
@@ -146,11 +172,12 @@ class Replayer {
 
   const ReplayOptions& options_;
   const ReplayProgress& progress_;
+  ReplayReport report_;
   TraceReader trace_;
+  std::optional<WorkDir> directory_;  // of persistent tables; made while map_ is
   MapUnderReplay map_;
   std::unordered_map<unsigned long, IntervalModel> models_;  // by unit; used by a check only
   std::vector<Piece> pieces_;                                // of one read; kept for its memory
-  ReplayReport report_;
 };
 
 }  // namespace

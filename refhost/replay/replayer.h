@@ -13,7 +13,8 @@ namespace zefs::refhost {
 struct ReplayOptions {
   std::string path;    ///< the trace, plain or gzip
   bool check = false;  ///< compare every read and the final state with a model
-  TableFactory makeTable = MakeDefaultTable;
+  TableKind tables = TableKind::kMemory;
+  TableFactory makeTable = MakeDefaultTable;  ///< of tables in memory
 };
 
 /// Where a table first said something else than the model.
@@ -37,6 +38,9 @@ struct ReplayReport {
   double writeSeconds = 0;       ///< spent in the tables
   double readSeconds = 0;
 
+  std::uint64_t flushes = 0;  ///< of persistent tables, that wrote something
+  std::uint64_t merges = 0;   ///< likewise
+
   // The final state; nothing of it is known after a difference.
   std::uint64_t units = 0;
   MapUnderReplay::Size tables;
@@ -49,9 +53,10 @@ struct ReplayReport {
 /// 0 where it is not known.
 using ReplayProgress = std::function<void(std::uint64_t done, std::uint64_t total)>;
 
-/// Replays the whole trace on tables of its own, and stops at the first difference. Throws
-/// TraceError if the trace cannot be read or has a line that is no request, and what the tables
-/// throw.
+/// Replays the whole trace on tables of its own, and stops at the first difference. Persistent
+/// tables lie in a directory for temporary files, are flushed and merged on the way, and are loaded
+/// afresh before the final state is read. Throws TraceError if the trace cannot be read or has a
+/// line that is no request, and what the tables throw.
 ReplayReport Replay(const ReplayOptions& options, const ReplayProgress& progress = {});
 
 }  // namespace zefs::refhost

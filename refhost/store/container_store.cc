@@ -73,6 +73,7 @@ ContainerStore::OpenContainer& ContainerStore::WritableFor(std::size_t bytes) {
   const bool full = size_ != 0 && bytes > containerBytes_ - std::min(size_, containerBytes_);
   if (!writing_.has_value() || full) {
     FileHandle file = FileHandle::Open(PathOf(nextDcid_), O_RDWR | O_CREAT | O_EXCL);
+    namesSynced_ = false;
     writing_.reset();
     writing_.emplace(OpenContainer{nextDcid_, std::move(file)});
     ++nextDcid_;
@@ -84,11 +85,23 @@ ContainerStore::OpenContainer& ContainerStore::WritableFor(std::size_t bytes) {
 
 Location ContainerStore::Append(std::string_view bytes) {
   OpenContainer& container = WritableFor(bytes.size());
+  unsynced_.insert(container.dcid);
   container.file.WriteAt(size_, bytes);  // what a failed append left behind is written over
   const Location where{container.dcid, size_, static_cast<std::uint32_t>(bytes.size())};
   size_ += where.length;
   storedBytes_ += where.length;
   return where;
+}
+
+void ContainerStore::Sync() {
+  while (!unsynced_.empty()) {
+    Readable(*unsynced_.begin()).Sync();
+    unsynced_.erase(unsynced_.begin());
+  }
+  if (!namesSynced_) {
+    SyncDirectory(directory_);
+    namesSynced_ = true;
+  }
 }
 
 const FileHandle& ContainerStore::Readable(std::uint64_t dcid) const {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <deque>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -39,6 +40,10 @@ class ContainerStore {
   /// object. Throws DamageError if the container is shorter than that or is gone.
   void Read(const Location& where, std::uint32_t from, std::uint32_t size, char* out) const;
 
+  /// All that was appended is on the disk when this returns. After a failure what was appended
+  /// since the last success may be lost.
+  void Sync();
+
   std::uint64_t containers() const { return containers_; }    ///< made by this object
   std::uint64_t storedBytes() const { return storedBytes_; }  ///< appended by this object
 
@@ -59,6 +64,8 @@ class ContainerStore {
   std::uint64_t containers_ = 0;
   std::uint64_t storedBytes_ = 0;
   std::optional<OpenContainer> writing_;
+  std::set<std::uint64_t> unsynced_;           // containers that were appended to
+  bool namesSynced_ = true;                    // of all containers
   mutable std::deque<OpenContainer> reading_;  // a few, the one opened last in front
 };
 

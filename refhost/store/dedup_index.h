@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <optional>
 #include <unordered_map>
 
 #include "host/fingerprint.h"
@@ -18,22 +19,36 @@ struct FingerprintHash {
   }
 };
 
-/// Which data is stored, and where: one location per fingerprint, in memory. Not synchronised.
-class DedupIndex {
+/// Which data is stored, and where: one location per fingerprint.
+class ObjectIndex {
  public:
-  /// The location of the object, or null. Valid as long as the index.
-  const Location* Find(const crfp_digest_t& fp) const {
-    const auto found = locations_.find(fp);
-    return found == locations_.end() ? nullptr : &found->second;
-  }
+  virtual ~ObjectIndex() = default;
+
+  /// The location of the object, if it is stored.
+  virtual std::optional<Location> Find(const crfp_digest_t& fp) const = 0;
 
   /// Enters an object that is not there yet.
-  void Insert(const crfp_digest_t& fp, const Location& where) { locations_.emplace(fp, where); }
+  virtual void Insert(const crfp_digest_t& fp, const Location& where) = 0;
+};
+
+/// An index in memory. Not synchronised.
+class DedupIndex final : public ObjectIndex {
+ public:
+  using Locations = std::unordered_map<crfp_digest_t, Location, FingerprintHash>;
+
+  std::optional<Location> Find(const crfp_digest_t& fp) const override {
+    const auto found = locations_.find(fp);
+    return found == locations_.end() ? std::nullopt : std::optional<Location>(found->second);
+  }
+  void Insert(const crfp_digest_t& fp, const Location& where) override {
+    locations_.emplace(fp, where);
+  }
 
   std::size_t size() const { return locations_.size(); }
+  const Locations& locations() const { return locations_; }
 
  private:
-  std::unordered_map<crfp_digest_t, Location, FingerprintHash> locations_;
+  Locations locations_;
 };
 
 }  // namespace zefs::refhost

@@ -5,6 +5,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include <sys/file.h>
+
 #include "refhost/store/store_error.h"
 
 namespace zefs::refhost {
@@ -69,6 +71,22 @@ void FileHandle::WriteAt(std::int64_t offset, std::string_view bytes) {
   }
 }
 
+void FileHandle::Sync() const {
+  if (::fsync(fd_) != 0) {
+    throw SystemError("sync", path_, errno);
+  }
+}
+
+bool FileHandle::TryLock() {
+  if (::flock(fd_, LOCK_EX | LOCK_NB) == 0) {
+    return true;
+  }
+  if (errno != EWOULDBLOCK) {
+    throw SystemError("lock", path_, errno);
+  }
+  return false;
+}
+
 void FileHandle::Resize(std::int64_t size) {
   if (::ftruncate(fd_, size) != 0) {
     throw SystemError("resize", path_, errno);
@@ -89,6 +107,10 @@ std::int64_t FileHandle::Size() const {
 
 bool FileHandle::IsRegular() const {
   return S_ISREG(Status().st_mode);
+}
+
+void SyncDirectory(const std::string& path) {
+  FileHandle::Open(path, O_RDONLY | O_DIRECTORY).Sync();
 }
 
 }  // namespace zefs::refhost

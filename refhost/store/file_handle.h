@@ -30,6 +30,12 @@ class FileHandle {
   /// Writes all of `bytes` at `offset`. After a failure an unknown part of them is written.
   void WriteAt(std::int64_t offset, std::string_view bytes);
 
+  /// All that was written is on the disk when this returns.
+  void Sync() const;
+
+  /// Takes the lock of the whole file, which ends with this object. False if another handle has it.
+  bool TryLock();
+
   /// Cuts the file, or extends it by zeros.
   void Resize(std::int64_t size);
 
@@ -45,5 +51,8 @@ class FileHandle {
   int fd_;
   std::string path_;
 };
+
+/// The names in the directory are on the disk when this returns. Throws StoreError.
+void SyncDirectory(const std::string& path);
 
 }  // namespace zefs::refhost

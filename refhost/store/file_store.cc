@@ -12,7 +12,6 @@ namespace zefs::refhost {
 
 namespace {
 
-using Aldenta::Qnd::Morene::Zefs::CreateMappingTable;
 using Aldenta::Qnd::Morene::Zefs::Ext;
 
 void CheckRange(std::int64_t offset, std::uint64_t size) {
@@ -43,9 +42,9 @@ void ReadExtent(const ObjectStore& objects, Ext& ext, std::int64_t offset, std::
 
 }  // namespace
 
-FileStore::FileId FileStore::Create() {
+Files::FileId FileStore::Create() {
   File file;
-  file.table.reset(CreateMappingTable(cache_, "PROVISION"));
+  file.table = NewTable(TableKind::kMemory, cache_);
   files_.emplace(next_, std::move(file));
   return next_++;
 }

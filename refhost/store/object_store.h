@@ -19,11 +19,14 @@ class ObjectStore {
   };
 
   /// Neither is owned; both outlive this object.
-  ObjectStore(ContainerStore* containers, DedupIndex* index)
+  ObjectStore(ContainerStore* containers, ObjectIndex* index)
       : containers_(*containers), index_(*index) {}
 
   /// Stores `bytes`, not empty, at most kMaxSegmentSize. Throws StoreError.
   Stored Put(std::string_view bytes);
+
+  /// The same for bytes whose fingerprint is known.
+  Stored Put(const crfp_digest_t& fp, std::string_view bytes);
 
   /// Reads [objOff, objOff + size) of an object into `out`. The object is found by its fingerprint.
   /// Throws DamageError if there is none in the container that `id` names, if it is shorter, or if
@@ -31,12 +34,20 @@ class ObjectStore {
   void Read(const DataCacheNode::ObjectID& id, std::int64_t objOff, std::uint32_t size,
             char* out) const;
 
+  /// The same for an object that is known to begin at `dcOffset` of its container: no index is
+  /// asked, and its length is not known. A negative offset is none.
+  void Read(const DataCacheNode::ObjectID& id, std::int32_t dcOffset, std::int64_t objOff,
+            std::uint32_t size, char* out) const;
+
+  /// Where the object is stored. Throws DamageError as Read.
+  Location Locate(const DataCacheNode::ObjectID& id) const;
+
   std::uint64_t putBytes() const { return putBytes_; }  ///< given to Put, duplicates included
   std::uint64_t storedBytes() const { return containers_.storedBytes(); }
 
  private:
   ContainerStore& containers_;
-  DedupIndex& index_;
+  ObjectIndex& index_;
   std::uint64_t putBytes_ = 0;
 };
 

@@ -1,9 +1,13 @@
 #include "refhost/store/recount.h"
 
 #include <algorithm>
+#include <memory>
+#include <set>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "host/bloom_filter.h"
 #include "table/extent.h"
 #include "table/fingerprint.h"
 
@@ -72,11 +76,65 @@ std::string ReferencesDifference(MappingTable& table, const ReferenceCounts& cou
   return {};
 }
 
-std::string ShapeDifference(MappingTable& table, std::int64_t fileSize, std::uint64_t extents) {
-  if (static_cast<std::uint64_t>(table.size()) != extents) {
-    return "the table says it has " + std::to_string(table.size()) + " extents, a walk finds " +
-           std::to_string(extents);
+std::string SizeDifference(MappingTable& table, std::uint64_t extents) {
+  if (static_cast<std::uint64_t>(table.size()) == extents) {
+    return {};
   }
+  return "the table says it has " + std::to_string(table.size()) + " extents, a walk finds " +
+         std::to_string(extents);
+}
+
+void AddTo(ReferenceCounts* total, const ReferenceCounts& counts) {
+  for (const auto& [dcid, bytes] : counts.bytesByDcid) {
+    total->bytesByDcid[dcid] += bytes;
+  }
+  for (const auto& [text, extents] : counts.extentsByFingerprint) {
+    total->extentsByFingerprint[text] += extents;
+  }
+  total->extents += counts.extents;
+}
+
+/// The first fingerprint of the recount that `has` denies.
+template <typename Has>
+std::string Missing(const ReferenceCounts& counts, const char* where, const Has& has) {
+  for (const auto& [text, extents] : counts.extentsByFingerprint) {
+    crfp_digest_t fp{};
+    CRFPStringToDigest_r(text.data(), kCrfpDigestKind, fp.data());
+    if (!has(fp)) {
+      return std::string("a recount gives ") + text.data() + ", which is not among " + where;
+    }
+  }
+  return {};
+}
+
+std::string StoredCountsDifference(MappingTable& table, const ReferenceCounts& counts) {
+  std::unordered_map<unsigned long, unsigned long> bytes;
+  std::vector<crfp_digest_t> fps;
+  table.GetDCIDAndFPs(&bytes, &fps);
+  const std::set<crfp_digest_t> told(fps.begin(), fps.end());
+  std::string difference = Missing(counts, "the fingerprints that the table references",
+                                   [&](const crfp_digest_t& fp) { return told.count(fp) != 0; });
+  if (!difference.empty()) {
+    return difference;
+  }
+  if (fps.size() == counts.extents) {  // no record is hidden by another
+    const std::map<unsigned long, unsigned long> sorted(bytes.begin(), bytes.end());
+    difference = Difference(DcidList(sorted.begin(), sorted.end()), ListOfDcids(counts));
+    if (!difference.empty()) {
+      return difference;
+    }
+  }
+  DcidList unused;
+  std::unique_ptr<BloomFilter> filter;
+  table.GetDCIDAndBloomFilter(&unused, &filter);
+  return Missing(counts, "what the table's filter admits", [&](const crfp_digest_t& fp) {
+    return filter != nullptr && filter->Contains(fp);
+  });
+}
+
+}  // namespace
+
+std::string ShapeDifference(MappingTable& table, std::int64_t fileSize) {
   std::int64_t lastEnd = 0;
   const auto behind = table.end();
   for (auto it = table.begin(); it != behind; ++it) {
@@ -89,8 +147,6 @@ std::string ShapeDifference(MappingTable& table, std::int64_t fileSize, std::uin
   }
   return {};
 }
-
-}  // namespace
 
 void CountExtents(MappingTable& table, ReferenceCounts* counts) {
   const auto behind = table.end();
@@ -109,15 +165,21 @@ std::string ReferenceDifference(MappingTable& table, std::int64_t fileSize,
                                 ReferenceCounts* total) {
   ReferenceCounts counts;
   CountExtents(table, &counts);
-  for (const auto& [dcid, bytes] : counts.bytesByDcid) {
-    total->bytesByDcid[dcid] += bytes;
+  AddTo(total, counts);
+  std::string difference = SizeDifference(table, counts.extents);
+  if (difference.empty()) {
+    difference = ShapeDifference(table, fileSize);
   }
-  for (const auto& [text, extents] : counts.extentsByFingerprint) {
-    total->extentsByFingerprint[text] += extents;
-  }
-  total->extents += counts.extents;
-  std::string difference = ShapeDifference(table, fileSize, counts.extents);
   return difference.empty() ? ReferencesDifference(table, counts) : difference;
+}
+
+std::string StoredReferenceDifference(MappingTable& table, std::int64_t fileSize,
+                                      ReferenceCounts* total) {
+  ReferenceCounts counts;
+  CountExtents(table, &counts);
+  AddTo(total, counts);
+  std::string difference = ShapeDifference(table, fileSize);
+  return difference.empty() ? StoredCountsDifference(table, counts) : difference;
 }
 
 }  // namespace zefs::refhost

@@ -11,7 +11,7 @@ class StoreError : public std::runtime_error {
  public:
   StoreError(const std::string& text, int errorCode) : std::runtime_error(text), code(errorCode) {}
 
-  int code;  ///< errno value, 0 where there is none
+  int code;  ///< errno value or code of LMDB, 0 where there is none
 };
 
 /// What is stored does not fit together: an extent names an object that is not there, or reaches
@@ -21,7 +21,8 @@ class DamageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// An errno value in words, with its name: "No space left on device (ENOSPC)".
+/// An errno value in words, with its name: "No space left on device (ENOSPC)"; a code of LMDB in
+/// its words.
 std::string ReasonOf(int errorCode);
 
 /// "cannot `action` `path`: reason (NAME)".

@@ -24,7 +24,7 @@ TEST(ConfigTest, DefaultsFitTogether) {
   EXPECT_GT(config.Get(&Config::dcOffsetStoreThreshold), 0U);
   EXPECT_GT(config.Get(&Config::prefetchSpanBytes), 0U);
   EXPECT_EQ(config.Get(&Config::persistBloom), 1);
-  EXPECT_EQ(config.Get(&Config::prefetchEnabled), 1);
+  EXPECT_EQ(config.Get(&Config::prefetchEnabled), 0);
   EXPECT_TRUE(config.Get(&Config::dcOffsetTrackingEnabled));
 }
 

@@ -103,6 +103,18 @@ TEST_F(ReplayCommandTest, GzipAndPlainGiveTheSame) {
   EXPECT_EQ(nlohmann::json::parse(outcome.out).at("digest"), kDigest);
 }
 
+TEST_F(ReplayCommandTest, PersistentTablesGiveTheSameDigest) {
+  const Outcome outcome =
+      Run("replay --persistent --check --json --flush-after 1 --merge-after 1 " + Trace(kTrace));
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  const nlohmann::json json = nlohmann::json::parse(outcome.out);
+  EXPECT_EQ(json.at("digest"), kDigest);
+  EXPECT_EQ(json.at("tables"), "persistent");
+  EXPECT_EQ(json.at("flushes"), 1);
+  EXPECT_EQ(json.at("merges"), 1);
+  EXPECT_FALSE(json.contains("map_nodes"));
+}
+
 TEST_F(ReplayCommandTest, ReadsFromAPipe) {
   const Outcome outcome = Run("replay /dev/stdin --json <" + Trace(kTrace));
   EXPECT_EQ(outcome.status, 0);
@@ -211,16 +223,23 @@ TEST_F(ReplayCommandTest, HelpTellsOptionsAndStatuses) {
 }
 
 TEST_F(ReplayCommandTest, BadUsageIsStatusTwoAndNamesWhatIsWrong) {
-  for (const auto& [arguments, named] :
-       std::vector<std::pair<std::string, std::string>>{{"", "subcommand is required"},
-                                                        {"frobnicate", "frobnicate"},
-                                                        {"--frobnicate", "--frobnicate"},
-                                                        {"replay", "TRACE is required"},
-                                                        {"replay --frobnicate x", "--frobnicate"},
-                                                        {"replay -dash", "option: -dash "},
-                                                        {"check -dash", "option: -dash "},
-                                                        {"check", "PATH is required"},
-                                                        {"replay x y", "y"}}) {
+  for (const auto& [arguments, named] : std::vector<std::pair<std::string, std::string>>{
+           {"", "subcommand is required"},
+           {"frobnicate", "frobnicate"},
+           {"--frobnicate", "--frobnicate"},
+           {"replay", "TRACE is required"},
+           {"replay --frobnicate x", "--frobnicate"},
+           {"replay -dash", "option: -dash "},
+           {"check -dash", "option: -dash "},
+           {"check", "PATH is required"},
+           {"replay x y", "y"},
+           {"replay x --merge-after 0", "--merge-after"},
+           {"check / --flush-after x", "--flush-after"},
+           {"put", "STORE is required"},
+           {"put s /nowhere", "/nowhere"},
+           {"put s / --table-type X", "table type 'X'"},
+           {"get s n", "DEST is required"},
+           {"verify", "STORE is required"}}) {
     const Outcome outcome = Run(arguments);
     EXPECT_EQ(outcome.status, 2) << arguments;
     EXPECT_THAT(outcome.err,

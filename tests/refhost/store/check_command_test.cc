@@ -42,6 +42,7 @@ class CheckCommand : public ::testing::Test {
     test::WriteFile(dir / "tree/two", "two");
     options.paths = {In("tree")};
     options.storeDirectory = In("store");
+    options.tables = TableKind::kMemory;
   }
   std::string In(const std::string& name) const { return (dir / name).string(); }
 
@@ -96,14 +97,14 @@ TEST_F(CheckCommand, JsonParsesAndHoldsTheExactFigures) {
 }
 
 TEST_F(CheckCommand, PlantedDifferenceGivesStatusOneFileAndOffset) {
-  const auto plant = [](FileStore* store) { store->Write(0, 123, "!"); };
+  const auto plant = [](Files* store) { store->Write(0, 123, "!"); };
   EXPECT_EQ(kExitDifference, Run(false, plant));
   EXPECT_THAT(err.str(), StartsWith("difference in " + In("tree/one") + " at offset 123: "));
   EXPECT_THAT(out.str(), StartsWith("not equal:\n"));
 }
 
 TEST_F(CheckCommand, PlantedDifferenceStandsInTheJson) {
-  EXPECT_EQ(kExitDifference, Run(true, [](FileStore* store) { store->Write(0, 123, "!"); }));
+  EXPECT_EQ(kExitDifference, Run(true, [](Files* store) { store->Write(0, 123, "!"); }));
   const auto json = nlohmann::json::parse(out.str());
   EXPECT_FALSE(json.at("equal").get<bool>());
   EXPECT_EQ(In("tree/one"), json.at("difference").at("path"));
@@ -180,7 +181,7 @@ TEST_F(CheckCommand, ControlCharactersOfNamesDoNotReachTheTerminal) {
 
 TEST_F(CheckCommand, VanishedContainerIsADifference) {
   options.containerBytes = 8192;
-  const auto plant = [&](FileStore*) { fs::remove(dir / "store/containers/64"); };
+  const auto plant = [&](Files*) { fs::remove(dir / "store/containers/64"); };
   EXPECT_EQ(kExitDifference, Run(false, plant));
   EXPECT_THAT(err.str(),
               AllOf(StartsWith("difference in " + In("tree/one") + " at offset 0: extent ["),
@@ -219,26 +220,26 @@ TEST_F(CheckCommand, StoreWithoutRoomIsOneLineAndStatusTwo) {
 }
 
 TEST_F(CheckCommand, InterruptRemovesTheStoreAndIsStatusTwo) {
-  EXPECT_EQ(kExitCannotRun, Run(false, [](FileStore*) { std::raise(SIGINT); }));
+  EXPECT_EQ(kExitCannotRun, Run(false, [](Files*) { std::raise(SIGINT); }));
   EXPECT_EQ("zefs-host check: interrupted\n", err.str());
   EXPECT_FALSE(fs::exists(dir / "store"));
 }
 
 TEST_F(CheckCommand, HangUpRemovesTheStoreToo) {
-  EXPECT_EQ(kExitCannotRun, Run(false, [](FileStore*) { std::raise(SIGHUP); }));
+  EXPECT_EQ(kExitCannotRun, Run(false, [](Files*) { std::raise(SIGHUP); }));
   EXPECT_EQ("zefs-host check: interrupted\n", err.str());
   EXPECT_FALSE(fs::exists(dir / "store"));
 }
 
 TEST_F(CheckCommand, IgnoredHangUpDoesNotEndIt) {
   const auto before = std::signal(SIGHUP, SIG_IGN);
-  EXPECT_EQ(kExitFine, Run(false, [](FileStore*) { std::raise(SIGHUP); }));
+  EXPECT_EQ(kExitFine, Run(false, [](Files*) { std::raise(SIGHUP); }));
   std::signal(SIGHUP, before);
 }
 
 TEST_F(CheckCommand, InterruptedOneTellsWhereItsStoreIsKept) {
   options.keep = true;
-  EXPECT_EQ(kExitCannotRun, Run(false, [](FileStore*) { std::raise(SIGTERM); }));
+  EXPECT_EQ(kExitCannotRun, Run(false, [](Files*) { std::raise(SIGTERM); }));
   EXPECT_EQ("zefs-host check: interrupted\nstore kept in " + In("store") + "\n", err.str());
   EXPECT_TRUE(fs::exists(dir / "store/copies"));
   err.str("");
@@ -300,7 +301,8 @@ TEST_F(CheckCommand, ArgumentsReachTheCheck) {
   EXPECT_EQ(4096, json.at("segment_size"));
   EXPECT_EQ(9, json.at("seed"));
   EXPECT_EQ(In("store"), json.at("store"));
-  EXPECT_TRUE(fs::exists(dir / "store/containers/64"));
+  EXPECT_EQ("persistent", json.at("tables"));
+  EXPECT_TRUE(fs::exists(dir / "store/store/containers/64"));
 }
 
 TEST_F(CheckCommand, TheLargestSeedAndLeadingNoughtsAreTakenAsTheyStand) {

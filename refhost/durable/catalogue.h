@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "host/fingerprint.h"
+#include "refhost/index/lmdb_file.h"
+
+namespace zefs::refhost {
+
+/// What the catalogue knows of one file.
+struct CatalogueEntry {
+  std::uint64_t table = 0;  ///< number of the directory of its extent map
+  std::int64_t size = 0;    ///< bytes at the last sync
+  crfp_digest_t digest{};   ///< SHA-256 of all of them
+  /// The file has been written to since its last sync: what is in its table may be newer than size
+  /// and digest.
+  bool changing = false;
+};
+
+/// The files of a store by name, kept in a database and, whole, in memory. Failures are
+/// StoreErrors; an entry that cannot be read is a DamageError. Not synchronised.
+class Catalogue {
+ public:
+  using Entries = std::map<std::string, CatalogueEntry>;
+
+  explicit Catalogue(const std::string& path);
+
+  const Entries& entries() const { return entries_; }
+
+  /// Null if there is no such file.
+  const CatalogueEntry* Find(const std::string& name) const;
+
+  /// Enters and replaces files, and forgets others: all or nothing, on the disk when this returns.
+  void Commit(const Entries& entered, const std::vector<std::string>& forgotten = {});
+
+ private:
+  LmdbFile file_;
+  Entries entries_;
+};
+
+}  // namespace zefs::refhost

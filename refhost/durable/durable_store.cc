@@ -1,0 +1,424 @@
+#include "refhost/durable/durable_store.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <filesystem>
+#include <limits>
+#include <set>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "host/zefs_log.h"
+#include "refhost/store/store_error.h"
+#include "refhost/threads/for_all.h"
+
+namespace zefs::refhost {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kMostWorkers = 4;
+constexpr std::size_t kWaitingSegments = 256;
+constexpr std::size_t kDigestBlock = 1 << 20;
+constexpr std::size_t kSyncThreads = 16;
+constexpr std::size_t kMostSpares = 32;
+
+std::size_t WorkersFor(std::size_t wanted) {
+  const std::size_t processors = std::max(1U, std::thread::hardware_concurrency());
+  return wanted != 0 ? wanted : std::min(processors, kMostWorkers);
+}
+
+void CheckRange(std::int64_t offset, std::uint64_t size) {
+  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  if (offset < 0 || size > static_cast<std::uint64_t>(kMax - offset)) {
+    throw std::invalid_argument("range of " + std::to_string(size) + " bytes at " +
+                                std::to_string(offset) + " is outside of every file");
+  }
+}
+
+}  // namespace
+
+DurableStore::DurableStore(const std::string& path, const DurableStoreOptions& options)
+    : options_(options),
+      directory_(path, options.missing, options.format),
+      segmenter_(directory_.format().segmentSize),
+      objects_(directory_.containers(), options.containerBytes, directory_.index()),
+      cache_([this](const std::string& share) { return Protect(share); }),
+      workers_(WorkersFor(options.workers), kWaitingSegments),
+      services_{&segmenter_, &directory_.format().tableType, &objects_, &cache_, &workers_,
+                &merges_},
+      catalogue_(directory_.catalogue()) {
+  RemoveOrphans();
+}
+
+DurableStore::~DurableStore() {
+  open_.clear();
+  for (const OpenPtr& spare : spares_) {
+    spare->file.reset();
+  }
+  ForAll(spares_.size(), kSyncThreads, [&](std::size_t i) { RemoveTable(spares_[i]->table); });
+}
+
+/// Tables that the catalogue does not name are of versions that no sync has seen.
+void DurableStore::RemoveOrphans() {
+  std::set<std::uint64_t> known;
+  for (const auto& [name, entry] : catalogue_.entries()) {
+    known.insert(entry.table);
+  }
+  if (!known.empty()) {
+    nextTable_ = *known.rbegin() + 1;
+  }
+  std::error_code error;
+  fs::directory_iterator entry(directory_.tables(), error);
+  for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+    const std::string name = entry->path().filename().string();
+    std::uint64_t number = 0;
+    const auto [end, problem] = std::from_chars(name.data(), name.data() + name.size(), number);
+    if (problem == std::errc() && end == name.data() + name.size() && known.count(number) == 0) {
+      RemoveTable(number);
+    }
+  }
+  if (error) {
+    throw SystemError("list", directory_.tables(), error.value());
+  }
+}
+
+void DurableStore::RemoveTable(std::uint64_t number) const {
+  std::error_code error;
+  fs::remove_all(directory_.table(number), error);
+  if (error) {  // it is tried again when the store is opened
+    ZEFS_LOG(kLogRecoverable, "cannot remove the table %s: %s", directory_.table(number).c_str(),
+             ReasonOf(error.value()).c_str());
+  }
+}
+
+DurableStore::OpenPtr DurableStore::NewVersion() {
+  if (spares_.empty()) {
+    MakeSpares();
+  }
+  OpenPtr open = spares_.back();
+  spares_.pop_back();
+  open->lastUse = ++uses_;
+  return open;
+}
+
+/// A new table is several syncs, which many of them share when they are made together. The more are
+/// wanted, the more are made.
+void DurableStore::MakeSpares() {
+  std::vector<OpenPtr> made(sparesAtOnce_);
+  for (OpenPtr& open : made) {
+    open = std::make_shared<Open>(nextTable_++, /*fresh=*/true);
+    open->changed = true;
+  }
+  ForAll(made.size(), kSyncThreads, [&](std::size_t i) {
+    made[i]->file =
+        std::make_unique<StoredFile>(services_, directory_.table(made[i]->table), 0, "");
+  });
+  spares_ = std::move(made);
+  sparesAtOnce_ = std::min(2 * sparesAtOnce_, kMostSpares);
+}
+
+bool DurableStore::IsCatalogued(const std::string& name, const Open& open) const {
+  const CatalogueEntry* const entry = catalogue_.Find(name);
+  return entry != nullptr && entry->table == open.table;
+}
+
+/// Drops the version that is open, unless it is the one in the catalogue.
+void DurableStore::DropVersion(const std::string& name) {
+  const auto open = open_.find(name);
+  if (open == open_.end()) {
+    return;
+  }
+  const OpenPtr dropped = open->second;
+  if (!IsCatalogued(name, *dropped)) {
+    open_.erase(open);
+    dropped->file.reset();
+    RemoveTable(dropped->table);
+  }
+}
+
+void DurableStore::Create(const std::string& name) {
+  if (name.empty()) {
+    throw std::invalid_argument("a file has to have a name");
+  }
+  MakeRoomFor(name);
+  const std::unique_lock<std::shared_mutex> gate(gate_);
+  DropVersion(name);
+  open_[name] = NewVersion();
+  removed_.erase(name);
+}
+
+void DurableStore::Remove(const std::string& name) {
+  const std::unique_lock<std::shared_mutex> gate(gate_);
+  Acquire(name, /*toChange=*/false);
+  DropVersion(name);
+  open_.erase(name);
+  if (catalogue_.Find(name) != nullptr) {
+    removed_.insert(name);
+  }
+}
+
+void DurableStore::Discard(const std::string& name) {
+  const std::unique_lock<std::shared_mutex> gate(gate_);
+  DropVersion(name);
+  removed_.erase(name);
+}
+
+DurableStore::OpenPtr DurableStore::Acquire(const std::string& name, bool toChange) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto known = open_.find(name);
+  OpenPtr open = known != open_.end() ? known->second : OpenCatalogued(name);
+  open->lastUse = ++uses_;
+  open->changed = open->changed || toChange;
+  return open;
+}
+
+DurableStore::OpenPtr DurableStore::OpenCatalogued(const std::string& name) {
+  const CatalogueEntry* const entry = catalogue_.Find(name);
+  if (entry == nullptr || removed_.count(name) != 0) {
+    throw std::out_of_range("no file '" + name + "' in the store " + directory_.path());
+  }
+  CloseSome();
+  auto open = std::make_shared<Open>(entry->table, /*fresh=*/false);
+  open->file =
+      std::make_unique<StoredFile>(services_, directory_.table(entry->table), entry->size, name);
+  open_.emplace(name, open);
+  return open;
+}
+
+/// The share of a table is the name of its file, if that is in the catalogue.
+int DurableStore::Protect(const std::string& share) {
+  try {
+    if (!share.empty()) {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      MarkChanging({share});
+    }
+    objects_.MakeDurable();
+    return 0;
+  } catch (const StoreError& error) {
+    ZEFS_LOG(kLogFailure, "%s", error.what());
+    return error.code == 0 ? EIO : error.code;
+  }
+}
+
+/// Before a table in the catalogue changes on the disk: after a crash, size and digest would be
+/// those of other bytes.
+void DurableStore::MarkChanging(const std::vector<std::string>& names) {
+  Catalogue::Entries marked;
+  for (const std::string& name : names) {
+    const CatalogueEntry* const entry = catalogue_.Find(name);
+    if (entry != nullptr && !entry->changing) {
+      marked[name] = *entry;
+      marked[name].changing = true;
+    }
+  }
+  if (!marked.empty()) {
+    catalogue_.Commit(marked);
+  }
+}
+
+/// Closes files that nobody uses and that are synced, those first that were used least recently.
+void DurableStore::CloseSome() {
+  while (open_.size() >= options_.mostOpen) {
+    auto oldest = open_.end();
+    for (auto at = open_.begin(); at != open_.end(); ++at) {
+      const Open& open = *at->second;
+      if (at->second.use_count() == 1 && !open.changed &&
+          (oldest == open_.end() || open.lastUse < oldest->second->lastUse)) {
+        oldest = at;
+      }
+    }
+    if (oldest == open_.end() || !Close(oldest)) {
+      return;
+    }
+  }
+}
+
+bool DurableStore::Close(std::map<std::string, OpenPtr>::iterator at) {
+  if (!at->second->file->FinishMerges()) {
+    return false;
+  }
+  open_.erase(at);
+  return true;
+}
+
+void DurableStore::CloseFiles() {
+  const std::unique_lock<std::shared_mutex> gate(gate_);
+  while (!open_.empty()) {
+    const std::string directory = open_.begin()->second->file->directory();
+    if (!Close(open_.begin())) {
+      throw StoreError("the merge of the table in " + directory + " does not come to an end", 0);
+    }
+  }
+}
+
+/// Before a further file is written: there are no more open ones than may be, once what they hold
+/// is synced.
+void DurableStore::MakeRoomFor(const std::string& name) {
+  {
+    const std::shared_lock<std::shared_mutex> gate(gate_);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (open_.count(name) != 0) {
+      return;
+    }
+    CloseSome();
+    if (open_.size() < options_.mostOpen) {
+      return;
+    }
+  }
+  const std::unique_lock<std::shared_mutex> gate(gate_);
+  SyncAll();
+  CloseSome();
+}
+
+void DurableStore::Write(const std::string& name, std::int64_t offset, std::string_view bytes) {
+  CheckRange(offset, bytes.size());
+  if (bytes.empty()) {
+    return;
+  }
+  MakeRoomFor(name);
+  const std::shared_lock<std::shared_mutex> gate(gate_);
+  const OpenPtr open = Acquire(name, /*toChange=*/true);
+  open->digest.Note(offset, bytes);
+  open->file->Write(offset, bytes);
+}
+
+void DurableStore::Truncate(const std::string& name, std::int64_t size) {
+  CheckRange(size, 0);
+  MakeRoomFor(name);
+  const std::unique_lock<std::shared_mutex> gate(gate_);
+  const OpenPtr open = Acquire(name, /*toChange=*/false);
+  if (size >= open->file->size()) {
+    open->changed = true;
+    open->digest.GiveUp();
+    open->file->Grow(size);
+    return;
+  }
+  open->file->AwaitStored();
+  const OpenPtr cut = NewVersion();
+  cut->digest.GiveUp();
+  open->file->CopyFront(size, cut->file.get());
+  open_[name] = cut;
+  open->file.reset();
+  if (!IsCatalogued(name, *open)) {
+    RemoveTable(open->table);
+  }
+}
+
+/// Brings a file into its databases without telling the catalogue.
+void DurableStore::FlushAll(StoredFile& file) {
+  file.AwaitStored();
+  objects_.MakeDurable();
+  file.FlushAll();
+}
+
+std::size_t DurableStore::Read(const std::string& name, std::int64_t offset, char* out,
+                               std::size_t size) {
+  CheckRange(offset, 0);
+  const std::shared_lock<std::shared_mutex> gate(gate_);
+  return Acquire(name, /*toChange=*/false)->file->Read(offset, out, size);
+}
+
+std::int64_t DurableStore::SizeOf(const std::string& name) {
+  const std::shared_lock<std::shared_mutex> gate(gate_);
+  return Acquire(name, /*toChange=*/false)->file->size();
+}
+
+void DurableStore::Sync() {
+  const std::unique_lock<std::shared_mutex> gate(gate_);
+  SyncAll();
+}
+
+void DurableStore::SyncAll() {
+  for (const auto& [name, open] : open_) {
+    if (open->changed) {
+      open->file->AwaitStored();
+    }
+  }
+  objects_.MakeDurable();
+  std::vector<std::string> written;
+  for (const auto& [name, open] : open_) {
+    if (open->changed && IsCatalogued(name, *open)) {
+      written.push_back(name);
+    }
+  }
+  MarkChanging(written);
+  Catalogue::Entries entered;
+  std::vector<std::uint64_t> replaced;
+  const auto replaces = [&](const std::string& name) {
+    if (const CatalogueEntry* const former = catalogue_.Find(name); former != nullptr) {
+      replaced.push_back(former->table);
+    }
+  };
+  std::vector<std::pair<CatalogueEntry*, Open*>> changed;
+  for (const auto& [name, open] : open_) {
+    if (open->changed) {
+      changed.emplace_back(&entered[name], open.get());
+      if (!IsCatalogued(name, *open)) {
+        replaces(name);
+      }
+    }
+  }
+  ForAll(changed.size(), kSyncThreads,
+         [&](std::size_t i) { *changed[i].first = SyncOne(changed[i].second); });
+  for (const std::string& name : removed_) {
+    replaces(name);
+  }
+  if (entered.empty() && removed_.empty()) {
+    return;
+  }
+  ++syncs_;
+  SyncDirectory(directory_.tables());
+  catalogue_.Commit(entered, {removed_.begin(), removed_.end()});
+  for (const auto& [name, entry] : entered) {
+    open_[name]->changed = false;
+    open_[name]->file->SetShare(name);
+  }
+  removed_.clear();
+  ForAll(replaced.size(), kSyncThreads, [&](std::size_t i) { RemoveTable(replaced[i]); });
+}
+
+CatalogueEntry DurableStore::SyncOne(Open* open) {
+  StoredFile& file = *open->file;
+  file.FlushAll();
+  SyncDirectory(file.directory());
+  CatalogueEntry entry;
+  entry.table = open->table;
+  entry.size = file.size();
+  const auto onTheWay = open->digest.Take(entry.size);
+  entry.digest = onTheWay.has_value() ? *onTheWay : DigestByReading(file);
+  return entry;
+}
+
+crfp_digest_t DurableStore::DigestByReading(const StoredFile& file) const {
+  Sha256Hasher hasher;
+  std::string block(kDigestBlock, '\0');
+  for (std::int64_t at = 0; at < file.size();) {
+    const std::size_t got = file.Read(at, block.data(), block.size());
+    hasher.Update(block.data(), got);
+    at += static_cast<std::int64_t>(got);
+  }
+  return hasher.Finish();
+}
+
+void DurableStore::WithTable(const std::string& name,
+                             const std::function<void(MappingTable&)>& look) {
+  const std::unique_lock<std::shared_mutex> gate(gate_);
+  const OpenPtr open = Acquire(name, /*toChange=*/false);
+  if (open->changed) {
+    FlushAll(*open->file);
+  }
+  OnTable("read", open->file->directory(), [&] { look(open->file->table()); });
+}
+
+Catalogue::Entries DurableStore::Catalogued() const {
+  const std::unique_lock<std::shared_mutex> gate(gate_);
+  return catalogue_.entries();
+}
+
+}  // namespace zefs::refhost

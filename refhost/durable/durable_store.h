@@ -1,0 +1,146 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <shared_mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "refhost/durable/catalogue.h"
+#include "refhost/durable/sequential_digest.h"
+#include "refhost/durable/store_directory.h"
+#include "refhost/durable/stored_file.h"
+
+namespace zefs::refhost {
+
+struct DurableStoreOptions {
+  StoreDirectory::Missing missing = StoreDirectory::Missing::kIsMade;
+  WantedFormat format;
+  std::uint32_t containerBytes = kDefaultContainerBytes;
+  std::size_t workers = 0;    ///< threads that store data; 0: one for each processor, 4 at most
+  std::size_t mostOpen = 64;  ///< tables kept open, as long as their files are synced
+};
+
+/// Files by name that outlive the process. What Sync has seen is there after any crash, byte for
+/// byte; of what came later, a file that was begun anew is as it was at the last sync, and in one
+/// that was written over each byte is as of the last sync or as a later write made it.
+///
+/// Names are any text but the empty one. Ranges outside of the offsets 0 to INT64_MAX are
+/// std::invalid_argument, a name that names no file std::out_of_range; all else is StoreError and
+/// DamageError. After a failed change the file concerned can only be read, and after a failed Sync
+/// the store should be opened again.
+///
+/// Any threads may read and write at once; other operations wait for these and keep them out.
+class DurableStore {
+ public:
+  /// Opens the store, or makes it. Removes what a crash has left of files that were never synced.
+  explicit DurableStore(const std::string& path, const DurableStoreOptions& options = {});
+
+  /// Ends without a sync. No other call may be running.
+  ~DurableStore();
+  DurableStore(const DurableStore&) = delete;
+  DurableStore& operator=(const DurableStore&) = delete;
+
+  /// Begins the file anew and empty. The version of the last sync, if there is one, is replaced by
+  /// the next sync.
+  void Create(const std::string& name);
+
+  /// Forgets the file, for good with the next sync. What it stored stays in the containers.
+  void Remove(const std::string& name);
+
+  /// Takes back all that happened to the file since the last sync but writes over that version.
+  void Discard(const std::string& name);
+
+  void Write(const std::string& name, std::int64_t offset, std::string_view bytes);
+
+  /// Sets the size. A cut gives the file a new table, into which what stays is mapped: tables of
+  /// this version cannot be cut.
+  void Truncate(const std::string& name, std::int64_t size);
+
+  /// Reads up to `size` bytes at `offset`; returns the bytes read, short only at the end of the
+  /// file. Holes are zeros.
+  std::size_t Read(const std::string& name, std::int64_t offset, char* out, std::size_t size);
+
+  std::int64_t SizeOf(const std::string& name);
+
+  /// Makes everything durable: data first, then the index of it, then the tables, and last the
+  /// catalogue, in which all files change at once.
+  void Sync();
+
+  /// Closes all files, which are synced: their tables can be loaded again, in this process too.
+  /// Throws StoreError if one has a merge that does not come to an end.
+  void CloseFiles();
+
+  /// Runs `look` on the extent map of a file, all of which is in its databases, while nothing
+  /// changes.
+  void WithTable(const std::string& name, const std::function<void(MappingTable&)>& look);
+
+  /// The files as of the last sync.
+  Catalogue::Entries Catalogued() const;
+
+  const StoreDirectory& directory() const { return directory_; }
+  LastingObjects& objects() { return objects_; }
+  const NodeCounts& nodes() { return cache_.counts(); }
+  std::uint64_t flushes() const { return cache_.flushes(); }  ///< that wrote something
+  std::uint64_t syncs() const { return syncs_; }              ///< that had something to do
+  /// Of tables, seen to be finished: all that there were, once the files are closed.
+  std::uint64_t merges() const { return merges_; }
+
+ private:
+  struct Open {
+    Open(std::uint64_t number, bool fresh) : table(number), digest(fresh) {}
+
+    std::uint64_t table;  // number of its directory
+    std::unique_ptr<StoredFile> file;
+    SequentialDigest digest;
+    bool changed = false;       // since the last sync
+    std::uint64_t lastUse = 0;  // by the count of uses
+  };
+  using OpenPtr = std::shared_ptr<Open>;
+
+  void RemoveOrphans();
+  OpenPtr NewVersion();
+  void MakeSpares();
+  OpenPtr Acquire(const std::string& name, bool toChange);
+  OpenPtr OpenCatalogued(const std::string& name);
+  int Protect(const std::string& share);
+  void MarkChanging(const std::vector<std::string>& names);
+  void CloseSome();
+  bool Close(std::map<std::string, OpenPtr>::iterator at);
+  void MakeRoomFor(const std::string& name);
+  void FlushAll(StoredFile& file);
+  void SyncAll();
+  CatalogueEntry SyncOne(Open* open);
+  crfp_digest_t DigestByReading(const StoredFile& file) const;
+  void DropVersion(const std::string& name);
+  void RemoveTable(std::uint64_t number) const;
+  bool IsCatalogued(const std::string& name, const Open& open) const;
+
+  const DurableStoreOptions options_;
+  StoreDirectory directory_;
+  Segmenter segmenter_;
+  LastingObjects objects_;
+  DataCache cache_;
+  std::atomic<std::uint64_t> merges_{0};
+  std::atomic<std::uint64_t> syncs_{0};
+  WorkerPool workers_;
+  FileServices services_;
+
+  mutable std::shared_mutex gate_;  // shared: reads and writes; exclusive: all else
+  mutable std::mutex mutex_;        // guards what follows where gate_ is shared
+  Catalogue catalogue_;
+  std::uint64_t nextTable_ = 1;
+  std::uint64_t uses_ = 0;
+  std::map<std::string, OpenPtr> open_;
+  std::vector<OpenPtr> spares_;  // empty files without a name
+  std::size_t sparesAtOnce_ = 1;
+  std::set<std::string> removed_;  // since the last sync, of those in the catalogue
+};
+
+}  // namespace zefs::refhost

@@ -1,0 +1,143 @@
+#include "refhost/tables/stored_table.h"
+
+#include <mutex>
+#include <utility>
+
+#include <boost/filesystem/exception.hpp>
+#include <sys/stat.h>
+
+#include "refhost/store/store_error.h"
+#include "table/sys_exception.h"
+
+namespace zefs::refhost {
+
+namespace {
+
+using Aldenta::Qnd::Morene::Zefs::SysException;
+
+// Files of a table directory, as docs/formats.md names them.
+constexpr const char* kFullDatabase = "/data.mdb";
+constexpr const char* kTmpDatabase = "/tmp.mdb";
+
+StoreError TableError(const char* action, const std::string& directory, int code) {
+  return StoreError(std::string("cannot ") + action + " the table in " + directory + ": " +
+                        (code == 0 ? "its database is not open" : ReasonOf(code)),
+                    code);
+}
+
+ino_t InodeOf(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+/// Directories that no object of this process may load any more: a destroyed one has left a
+/// database open there.
+class LeftOpen {
+ public:
+  static LeftOpen& Get() {
+    static LeftOpen& all = *new LeftOpen;
+    return all;
+  }
+  void Add(const std::string& directory) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    directories_.insert(directory);
+  }
+  bool Has(const std::string& directory) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return directories_.count(directory) != 0;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::set<std::string> directories_;
+};
+
+}  // namespace
+
+void RethrowTableFailure(const char* action, const std::string& directory) {
+  try {
+    throw;
+  } catch (const SysException& error) {
+    throw TableError(action, directory, error.code);
+  } catch (const boost::filesystem::filesystem_error& error) {
+    throw TableError(action, directory, error.code().value());
+  }
+}
+
+StoredTable::StoredTable(std::string directory, const std::string& type,
+                         DataCacheManagementInterface* cache, std::atomic<std::uint64_t>* merges)
+    : directory_(std::move(directory)),
+      merges_(*merges),
+      table_(NewTable(TableKind::kPersistent, cache, type)) {
+  if (LeftOpen::Get().Has(directory_)) {
+    table_.reset();
+    throw StoreError("cannot load the table in " + directory_ +
+                         " again: a merge is unfinished there, which the next process takes up",
+                     EBUSY);
+  }
+  const int code =
+      OnTable("load", directory_, [this] { return table_->load(directory_, false, ""); });
+  if (code != 0) {
+    throw TableError("load", directory_, code);
+  }
+  fullDatabase_ = InodeOf(directory_ + kFullDatabase);
+}
+
+StoredTable::~StoredTable() {
+  table_.reset();
+  CountMerges();
+  if (InodeOf(directory_ + kTmpDatabase) != 0) {
+    LeftOpen::Get().Add(directory_);
+  }
+}
+
+void StoredTable::Insert(std::int64_t start, std::int64_t end, const ObjectID* id,
+                         std::int64_t objOff, void* node, std::int32_t dcOffset) {
+  const int code = OnTable("write", directory_, [&] {
+    return table_->insert(start, end, id, objOff, /*objCksum=*/0, node, dcOffset,
+                          /*trace=*/nullptr);
+  });
+  if (code != 0) {
+    throw TableError("write", directory_, code);
+  }
+}
+
+void StoredTable::Flush(bool force, const std::string& share, const TakeReleased& take) {
+  std::set<void*> released;
+  MappingTable::UniqueLock lock;
+  OnTable("flush", directory_,
+          [&] { table_->checkAndBackfillObjectID(&released, force, "", share, nullptr, &lock); });
+  if (!released.empty()) {
+    take(released);
+  }
+  CountMerges();
+}
+
+bool StoredTable::FinishMerges() {
+  if (InodeOf(directory_ + kTmpDatabase) != 0) {
+    OnTable("flush", directory_, [this] { table_->checkAndBackfillObjectIDUnlock(true); });
+    CountMerges();
+  }
+  return InodeOf(directory_ + kTmpDatabase) == 0;
+}
+
+void StoredTable::RaiseFileSize(std::int64_t size) {
+  if (size <= FileSize()) {
+    return;
+  }
+  const int code = OnTable("resize", directory_, [&] { return table_->setFileSize(size); });
+  if (code != 0) {
+    throw TableError("resize", directory_, code);
+  }
+}
+
+/// A flush starts at most one merge, so none is missed between two of them.
+void StoredTable::CountMerges() {
+  const ino_t now = InodeOf(directory_ + kFullDatabase);
+  if (now != 0 && now != fullDatabase_) {
+    fullDatabase_ = now;
+    ++merges_;
+  }
+}
+
+}  // namespace zefs::refhost

@@ -1,0 +1,155 @@
+#include "refhost/tables/stored_table.h"
+
+#include <atomic>
+#include <cerrno>
+#include <set>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "refhost/cache/data_cache.h"
+#include "refhost/cache/node_ledger.h"
+#include "refhost/host/log_recorder.h"
+#include "refhost/store/store_error.h"
+#include "tests/refhost/store/store_fixture.h"
+#include "tests/refhost/table_settings.h"
+#include "tests/support/child_process.h"
+
+namespace zefs::refhost {
+namespace {
+
+using test::ThrownText;
+using ::testing::HasSubstr;
+
+class StoredTableTest : public ::testing::Test {
+ protected:
+  StoredTableTest()
+      : cache([this](const std::string&) { return protectResult; }), ledger(&cache.counts()) {}
+
+  std::string Directory() const { return (dir / "table").string(); }
+
+  /// Writes [start, end) with a node that is ready.
+  void Write(StoredTable& table, long start, long end) {
+    StoredTable::ObjectID id;
+    id.dcid = 64;
+    id.fp.fill(static_cast<unsigned char>(++objects));
+    CacheNode* const node = ledger.Make(nullptr);
+    node->SetStored(id, 0);
+    table.Insert(start, end, nullptr, 0, node->ForTable(), -1);
+  }
+
+  void Flush(StoredTable& table, bool force) {
+    table.Flush(force, "share",
+                [this](const std::set<void*>& released) { ledger.Release(released); });
+  }
+
+  static int ExtentsOf(MappingTable& table) {
+    int count = 0;
+    for (auto it = table.begin(); it != table.end(); ++it) {
+      ++count;
+    }
+    return count;
+  }
+
+  test::TempDir dir;
+  int protectResult = 0;
+  int objects = 0;
+  std::atomic<std::uint64_t> merges{0};
+  DataCache cache;
+  NodeLedger ledger;
+};
+
+TEST_F(StoredTableTest, IsLoadedAgainWithWhatWasFlushed) {
+  {
+    StoredTable table(Directory(), "PROVISION", &cache, &merges);
+    Write(table, 0, 10);
+    Write(table, 20, 30);
+    Flush(table, true);
+    Write(table, 40, 50);
+    table.RaiseFileSize(100);
+    EXPECT_EQ(100, table.FileSize());
+    table.RaiseFileSize(60);
+    EXPECT_EQ(100, table.FileSize());
+  }
+  const StoredTable table(Directory(), "PROVISION", &cache, &merges);
+  EXPECT_EQ(2, ExtentsOf(table.table())) << "what was not flushed is dropped";
+  EXPECT_EQ(100, table.FileSize());
+}
+
+TEST_F(StoredTableTest, FlushHandsBackTheNodesThatItIsThroughWith) {
+  StoredTable table(Directory(), "PROVISION", &cache, &merges);
+  Write(table, 0, 10);
+  Write(table, 0, 10);  // displaces the first
+  Flush(table, false);
+  EXPECT_EQ(0U, cache.counts().released) << "too little for a flush that is not forced";
+  Flush(table, true);
+  EXPECT_EQ(2U, cache.counts().released);
+  ledger.Settle();
+  EXPECT_EQ("", cache.counts().Problem());
+  EXPECT_EQ(1U, cache.flushes());
+}
+
+TEST_F(StoredTableTest, MergesAreCountedAndFinished) {
+  const test::SmallThresholds thresholds(1, 4);
+  StoredTable table(Directory(), "PROVISION", &cache, &merges);
+  for (long at = 0; at < 300; at += 10) {
+    Write(table, at, at + 10);
+    Flush(table, true);
+  }
+  EXPECT_TRUE(table.FinishMerges());
+  EXPECT_GE(merges, 1U);
+  EXPECT_EQ(30, ExtentsOf(table.table()));
+}
+
+TEST_F(StoredTableTest, FailureOfTheDataCacheIsAnErrorThatNamesTheTable) {
+  const LogRecorder quiet;
+  StoredTable table(Directory(), "PROVISION", &cache, &merges);
+  Write(table, 0, 10);
+  protectResult = ENOSPC;
+  EXPECT_EQ("cannot flush the table in " + Directory() + ": No space left on device (ENOSPC)",
+            ThrownText<StoreError>([&] { Flush(table, true); }));
+}
+
+TEST_F(StoredTableTest, TableThatCannotBeLoadedIsAnErrorThatNamesIt) {
+  const LogRecorder quiet;
+  test::WriteFile(dir / "file", "x");
+  const std::string below = (dir / "file/table").string();
+  EXPECT_THAT(ThrownText<StoreError>([&] { StoredTable(below, "PROVISION", &cache, &merges); }),
+              HasSubstr("cannot load the table in " + below + ": "));
+  boost::filesystem::create_directory(Directory());
+  test::WriteFile(Directory() + "/lsml0.mdb", std::string(9000, 'x'));
+  EXPECT_EQ(
+      "cannot load the table in " + Directory() + ": MDB_INVALID: File is not an LMDB file",
+      ThrownText<StoreError>([&] { StoredTable(Directory(), "PROVISION", &cache, &merges); }));
+}
+
+/// In a process of its own, in which the database stays open.
+TEST_F(StoredTableTest, DirectoryWithAnUnfinishedMergeIsNotLoadedTwice) {
+  EXPECT_TRUE(test::EndedWell(test::RunInChild([this] {
+    { const StoredTable table(Directory(), "PROVISION", &cache, &merges); }
+    test::WriteFile(Directory() + "/tmp.mdb", "");
+    { const StoredTable table(Directory(), "PROVISION", &cache, &merges); }
+    EXPECT_EQ(
+        "cannot load the table in " + Directory() +
+            " again: a merge is unfinished there, which the next process takes up",
+        ThrownText<StoreError>([&] { StoredTable(Directory(), "PROVISION", &cache, &merges); }));
+  })));
+  StoredTable table(Directory(), "PROVISION", &cache, &merges);
+  EXPECT_TRUE(table.FinishMerges());
+}
+
+TEST_F(StoredTableTest, UnfinishedMergeCanBeFinished) {
+  { const StoredTable table(Directory(), "PROVISION", &cache, &merges); }
+  test::WriteFile(Directory() + "/tmp.mdb", "");
+  {
+    StoredTable table(Directory(), "PROVISION", &cache, &merges);
+    EXPECT_TRUE(table.FinishMerges());
+    EXPECT_EQ(1U, merges);
+  }
+  const StoredTable table(Directory(), "PROVISION", &cache, &merges);
+  EXPECT_EQ(0, ExtentsOf(table.table()));
+}
+
+}  // namespace
+}  // namespace zefs::refhost
