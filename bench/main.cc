@@ -12,6 +12,8 @@ int main(int argc, char** argv) {
   zefs_bench::RegisterMaps();
   zefs_bench::RegisterFloors();
   zefs_bench::RegisterPersistent();
+  zefs_bench::RegisterRoads();
+  zefs_bench::RegisterMerges();
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
 }

@@ -25,14 +25,15 @@ class UnreadyCache final : public zefs::DataCacheManagementInterface {
 };
 
 /// The persistent table behind the same calls as its peers, reached as a host reaches it: on the
-/// heap, through the virtual interface. Without prefetching.
-class PersistentSubject {
+/// heap, through the virtual interface. Without prefetching. `Cache` is the data cache behind it.
+template <typename Cache>
+class TableOver {
  public:
   using Table = Aldenta::Qnd::Morene::Zefs::CMappingTable;
   using Persistent = Aldenta::Qnd::Morene::Zefs::CMappingLMDB;
 
   /// Loads the table of `directory`, which no earlier object of this process has loaded.
-  explicit PersistentSubject(const boost::filesystem::path& directory)
+  explicit TableOver(const boost::filesystem::path& directory)
       : table_(new Persistent(&cache_, Aldenta::Qnd::Morene::Zefs::ZEFS_PROVISION_STR)) {
     FileSystemDaemonConfig::GetInstance().Set(&FileSystemDaemonConfig::prefetchEnabled, 0);
     const int code = table_->load(directory.string(), false, "");
@@ -68,9 +69,11 @@ class PersistentSubject {
   Persistent& table() const { return static_cast<Persistent&>(*table_); }
 
  private:
-  UnreadyCache cache_;
+  Cache cache_;
   std::unique_ptr<Table> table_;
   Table::iterator end_ = table_->end();  // behind every table state alike
 };
+
+using PersistentSubject = TableOver<UnreadyCache>;
 
 }  // namespace zefs_bench

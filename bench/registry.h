@@ -9,10 +9,17 @@
 namespace zefs_bench {
 
 /// Register the benchmarks. Names are "workload/counting/operation/size/map", "floor/…" for the
-/// bounds, and "persistent/operation/case/size/subject" for the persistent table.
+/// bounds, "persistent/operation/case/size/subject" for parts of the persistent table, and
+/// "road/workload/size/subject" for its whole way to the disk.
 void RegisterMaps();
 void RegisterFloors();
 void RegisterPersistent();
+void RegisterRoads();
+void RegisterMerges();
+
+/// The size of a benchmark of a road: the usual one, or what the environment says in
+/// ZEFS_BENCH_ROAD, for a look at whether all of them run.
+std::size_t RoadSize(std::size_t usual);
 
 /// CPU time of this thread, seconds.
 inline double CpuSeconds() {

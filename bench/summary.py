@@ -5,7 +5,8 @@
 
 Rates are medians over the rounds, in million items a second. The best peer is the one with the
 highest median; ratios to it are taken round by round, and their median and range are given. The
-persistent table has peers of its own for each operation and is set beside each of them.
+persistent table has peers of its own for each operation and is set beside each of them. On the road to
+the disk every quantity has its own best peer.
 """
 
 import json
@@ -21,6 +22,22 @@ PERSISTENT_PEERS = {
     "find": ["std_map", "lmdb_begun", "lmdb_renewed"],
     "walk": ["lmdb_merge", "lmdb_cursor"],
 }
+ROAD = "road"
+ROAD_LIVES = ["random", "append"]  # whole lives of a table; the other roads are single operations
+ROAD_SUBJECTS = ["table", "lmdb", "leveldb", "rocksdb", "sqlite"]
+MILLION, PLAIN = (1e6, 3), (1, 1)
+ROAD_COLUMNS = [  # counter, heading, divisor and digits, whether more is better
+    ("writes_per_second", "write/s, M", MILLION, True),
+    ("settle_seconds", "then busy, s", (1, 2), False),
+    ("cpu_us_per_write", "CPU µs a write", (1, 2), False),
+    ("mib_on_disk", "MiB on disk", PLAIN, False),
+    ("mib_written", "MiB written", PLAIN, False),
+    ("finds_per_second", "find/s, M", MILLION, True),
+    ("finds_while_merging_per_second", "find/s while merging, M", MILLION, True),
+    ("walk_per_second", "walk/s, M", MILLION, True),
+]
+COUNTERS = ["items_per_second", "bytes_per_extent", "tree_bytes_per_extent", "cpu_us_per_item"]
+COUNTERS += [counter for counter, *_ in ROAD_COLUMNS]
 
 
 def rows_of(path):
@@ -42,7 +59,7 @@ def collect(paths):
                 continue
             *key, subject = parts
             counters = maps.setdefault(tuple(key), {}).setdefault(subject, {})
-            for counter in ("items_per_second", "bytes_per_extent", "tree_bytes_per_extent"):
+            for counter in COUNTERS:
                 if counter in row:
                     counters.setdefault(counter, []).append(row[counter])
     return maps, floors
@@ -127,12 +144,64 @@ def print_persistent(maps):
                   lines)
 
 
+def road_life_lines(subjects):
+    """A line for each subject, and the table's ratio to whichever peer is best at a quantity."""
+    for name in ROAD_SUBJECTS:
+        if name in subjects:
+            cells = [name]
+            for counter, _, (divisor, digits), _ in ROAD_COLUMNS:
+                values = subjects[name].get(counter)
+                cells.append(f"{median(values) / divisor:.{digits}f}" if values else "")
+                if values and counter != "settle_seconds":  # mostly next to nothing
+                    cells[-1] += f" ±{spread(values):.0f} %"
+            yield cells
+    cells = ["table / best peer (range)"]
+    for counter, _, _, more in ROAD_COLUMNS:
+        ours = subjects.get("table", {}).get(counter)
+        peers = {name: subjects[name][counter] for name in ROAD_SUBJECTS[1:]
+                 if counter in subjects.get(name, {})}
+        if not ours or not peers or counter == "settle_seconds":
+            cells.append("")
+            continue
+        best = (max if more else min)(peers, key=lambda name: median(peers[name]))
+        cells.append(f"{best}: {ratio(ours, peers[best])}")
+    yield cells
+
+
+def road_operation_lines(maps):
+    """A line for each operation and peer."""
+    for (_, operation, size), subjects in maps.items():
+        ours = rates(subjects, "table")
+        for peer in subjects:
+            if peer == "table" or not ours:
+                continue
+            theirs = rates(subjects, peer)
+            yield [f"{operation}, {int(size):,}".replace("_", " "),
+                   f"{median(ours) / 1e6:.3f} ±{spread(ours):.0f} %",
+                   peer, f"{median(theirs) / 1e6:.3f}", ratio(ours, theirs)] + [
+                   f"{median(subjects[name]['cpu_us_per_item']):.3f}" for name in ("table", peer)]
+
+
+def print_roads(maps):
+    lives = {key: value for key, value in maps.items() if key[1] in ROAD_LIVES}
+    for (_, workload, size), subjects in lives.items():
+        print(f"\nThe road to the disk, {workload}, {int(size):,} writes:")
+        table(["subject"] + [heading for _, heading, _, _ in ROAD_COLUMNS],
+              road_life_lines(subjects))
+    operations = {key: value for key, value in maps.items() if key not in lives}
+    if operations:
+        print("\nMerges and references, million records a second:")
+        table(["operation", "table", "peer", "rate", "table / peer (range)", "table, CPU µs a record",
+               "peer, CPU µs"], road_operation_lines(operations))
+
+
 def main(paths):
     if not paths:
         sys.exit("bench/summary.py: name the JSON files of the rounds")
     every, floors = collect(paths)
-    maps = {key: value for key, value in every.items() if key[0] != PERSISTENT}
+    maps = {key: value for key, value in every.items() if key[0] not in (PERSISTENT, ROAD)}
     persistent = {key: value for key, value in every.items() if key[0] == PERSISTENT}
+    roads = {key: value for key, value in every.items() if key[0] == ROAD}
     if maps:
         print("\nMillion items a second:")
         table(["benchmark", "table"] + PEERS + ["best peer", "table / best (range)"],
@@ -142,6 +211,8 @@ def main(paths):
         table(["state", "table"] + PEERS + ["told"], memory_lines(maps))
     if persistent:
         print_persistent(persistent)
+    if roads:
+        print_roads(roads)
     if floors:
         print("\nBounds, million items a second:")
         table(["bound", "rate"],

@@ -24,11 +24,12 @@ void CheckLmdb(int code, const char* call) {
   }
 }
 
-LmdbDatabase::LmdbDatabase(const std::string& file, unsigned int dbiFlags) {
+LmdbDatabase::LmdbDatabase(const std::string& file, unsigned int dbiFlags, Durability durability) {
+  const unsigned int sync = durability == kSynced ? 0 : MDB_NOSYNC;
   using Aldenta::Qnd::Morene::Zefs::CMappingLMDB;
   CheckLmdb(::mdb_env_create(&env_), "mdb_env_create");
   CheckLmdb(::mdb_env_set_mapsize(env_, CMappingLMDB::kSmallMapSize), "mdb_env_set_mapsize");
-  CheckLmdb(::mdb_env_open(env_, file.c_str(), MDB_NOSUBDIR | MDB_NOTLS | MDB_NOSYNC, 0600),
+  CheckLmdb(::mdb_env_open(env_, file.c_str(), MDB_NOSUBDIR | MDB_NOTLS | sync, 0600),
             "mdb_env_open");
   MDB_txn* txn = Begin(0);
   CheckLmdb(::mdb_dbi_open(txn, nullptr, dbiFlags, &dbi_), "mdb_dbi_open");

@@ -16,8 +16,11 @@ void CheckLmdb(int code, const char* call);
 /// the table. No table may have the file open.
 class LmdbDatabase {
  public:
-  /// `dbiFlags` are those of mdb_dbi_open. Nothing that is written is synced.
-  explicit LmdbDatabase(const std::string& file, unsigned int dbiFlags = 0);
+  enum Durability { kUnsynced, kSynced };
+
+  /// `dbiFlags` are those of mdb_dbi_open. Only with kSynced is a commit synced.
+  explicit LmdbDatabase(const std::string& file, unsigned int dbiFlags = 0,
+                        Durability durability = kUnsynced);
   ~LmdbDatabase() { ::mdb_env_close(env_); }
   LmdbDatabase(const LmdbDatabase&) = delete;
   LmdbDatabase& operator=(const LmdbDatabase&) = delete;
@@ -29,6 +32,12 @@ class LmdbDatabase {
     return txn;
   }
   MDB_dbi dbi() const { return dbi_; }
+
+  /// Writes a copy to `file`, which does not exist, without free pages and in the order of its
+  /// keys.
+  void CopyCompactly(const std::string& file) const {
+    CheckLmdb(::mdb_env_copy2(env_, file.c_str(), MDB_CP_COMPACT), "mdb_env_copy2");
+  }
 
  private:
   MDB_env* env_ = nullptr;

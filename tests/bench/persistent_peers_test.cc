@@ -15,6 +15,7 @@
 #include "bench/persistent_subject.h"
 #include "bench/stored_extents.h"
 #include "tests/bench/block_model.h"
+#include "tests/bench/rows.h"
 #include "tests/persistent/mapping_lmdb_peer.h"
 #include "tests/support/plain_lmdb.h"
 #include "tests/support/temp_dir.h"
@@ -29,31 +30,6 @@ using zefs::test::TempDir;
 using Persistent = PersistentSubject::Persistent;
 using Model = BlockModel<kPieceUnit>;
 
-/// The row of an extent as the subjects hand it out: the persistent table keeps no checksum.
-template <typename Id>
-Row RowOf(std::int64_t sOff, std::int64_t eOff, std::int64_t objOff, const Id& id) {
-  return {sOff, eOff, objOff, 0, id.dcid, id.fp, id.attrWord, nullptr, -1};
-}
-
-template <typename Subject>
-std::vector<Row> WalkedBy(Subject& subject) {
-  std::vector<Row> rows;
-  subject.Walk([&](std::int64_t sOff, std::int64_t eOff, std::int64_t objOff, const auto& id) {
-    rows.push_back(RowOf(sOff, eOff, objOff, id));
-  });
-  return rows;
-}
-
-template <typename Subject>
-std::vector<Row> FoundBy(Subject& subject, const std::vector<std::int64_t>& offsets) {
-  std::vector<Row> rows;
-  for (const std::int64_t offset : offsets) {
-    subject.Find(offset, [&](std::int64_t sOff, std::int64_t eOff, std::int64_t objOff,
-                             const auto& id) { rows.push_back(RowOf(sOff, eOff, objOff, id)); });
-  }
-  return rows;
-}
-
 /// The row that holds each offset; there is one.
 std::vector<Row> RowsAt(const std::vector<Row>& rows, const std::vector<std::int64_t>& offsets) {
   std::vector<Row> at;
@@ -63,13 +39,6 @@ std::vector<Row> RowsAt(const std::vector<Row>& rows, const std::vector<std::int
     }));
   }
   return at;
-}
-
-std::vector<Write> WithoutChecksums(std::vector<Write> writes) {
-  for (Write& write : writes) {
-    write.objCksum = 0;
-  }
-  return writes;
 }
 
 // --- writes into the cache -----------------------------------------------------------------------

@@ -1,0 +1,188 @@
+#include <cstdint>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <boost/filesystem/operations.hpp>
+
+#include "bench/peers/lmdb_peers.h"
+#include "bench/peers/lmdb_store.h"
+#include "bench/process_usage.h"
+#include "bench/registry.h"
+#include "bench/road_table.h"
+#include "bench/stored_extents.h"
+#include "host/bloom_filter.h"
+#include "tests/support/temp_dir.h"
+
+// A merge of a full and a small database alone, and what a table is asked about its references,
+// beside the least that LMDB and the file system do for the same.
+
+namespace zefs_bench {
+
+namespace {
+
+using zefs::test::TempDir;
+using Persistent = RoadTable::Persistent;
+
+constexpr std::size_t kFull = 1800000;  // and a tenth as many in the small database
+constexpr std::size_t kBatch = 10000;   // as the table's merge, by default
+
+Layers MergedLayers() {
+  return FullBetweenOthers(RoadSize(kFull), 2);
+}
+
+std::size_t RecordsOf(const Layers& layers) {
+  return layers.full.size() + layers.small.size();
+}
+
+/// Times `work` by the wall, as it waits for the disk and runs on a thread of its own.
+template <typename Work>
+void TimeByWall(benchmark::State& state, std::size_t records, Work work) {
+  const Usage usage;
+  work();
+  state.SetIterationTime(usage.Wall());
+  state.counters["cpu_us_per_item"] = usage.Cpu() * 1e6 / static_cast<double>(records);
+  state.SetItemsProcessed(static_cast<std::int64_t>(records));
+}
+
+/// One write behind all others, whose flush starts a merge, and the wait for that.
+void MergeNow(RoadTable& table, const Layers& layers) {
+  const MergeAfter oneRecord(0);
+  Write write;
+  write.sOff = layers.full.back().eOff + layers.small.back().eOff;
+  write.eOff = write.sOff + kBlock;
+  write.objectID = layers.full.back().record.GetObjectID();
+  table.WriteBatch(&write, &write + 1);
+  table.Settle();
+}
+
+void MergeByTable(benchmark::State& state, bool withBloom) {
+  const PersistBloom bloom(withBloom);
+  const Layers layers = MergedLayers();
+  for (auto _ : state) {
+    const TempDir directory;
+    WriteDatabases(directory.path(), layers);
+    RoadTable table(directory.path());
+    TimeByWall(state, RecordsOf(layers), [&] { MergeNow(table, layers); });
+  }
+}
+
+/// Cursors side by side into a third database, with as many records a synced transaction.
+void MergeByCursors(benchmark::State& state) {
+  const Layers layers = MergedLayers();
+  for (auto _ : state) {
+    const TempDir directory;
+    WriteDatabases(directory.path(), layers);
+    LmdbMergePeer source(directory.path());
+    TimeByWall(state, RecordsOf(layers), [&] {
+      LmdbStore merged(directory.path());
+      std::size_t count = 0;
+      merged.Begin();
+      source.Walk([&](std::int64_t, std::int64_t eOff, std::int64_t, const Record& record) {
+        merged.Append({eOff, record});  // nothing overlaps here, so no record is cut
+        if (++count % kBatch == 0) {
+          merged.Commit();
+          merged.Begin();
+        }
+      });
+      merged.Commit();
+    });
+  }
+}
+
+/// LMDB's own compacting copy of one database with all of the records: pages, not records. Nothing
+/// is synced but its last page.
+void CopyCompactly(benchmark::State& state) {
+  const Layers layers = Alternating(RecordsOf(MergedLayers()), 1);
+  for (auto _ : state) {
+    const TempDir directory;
+    const auto file = directory / Persistent::FULLDB;
+    WriteDatabase(file, layers.full);
+    const LmdbDatabase database(file.string());
+    TimeByWall(state, layers.full.size(),
+               [&] { database.CopyCompactly((directory / "copy.mdb").string()); });
+  }
+}
+
+/// Asks for containers and filter, with the file of the last merge or without.
+void AskForReferences(benchmark::State& state, bool fromFile) {
+  const Layers layers = MergedLayers();
+  const TempDir directory;
+  WriteDatabases(directory.path(), layers);
+  RoadTable table(directory.path());
+  {
+    const PersistBloom bloom(true);
+    MergeNow(table, layers);
+  }
+  const PersistBloom bloom(fromFile);
+  for (auto _ : state) {
+    std::vector<std::pair<unsigned long, unsigned long>> containers;
+    std::unique_ptr<BloomFilter> filter;
+    TimeByWall(state, RecordsOf(layers),
+               [&] { table.table().GetDCIDAndBloomFilter(&containers, &filter); });
+    if (filter->GetInsertedFingerPrints() < RecordsOf(layers)) {
+      state.SkipWithError("the filter lacks fingerprints");
+    }
+  }
+}
+
+/// Reads the bloom file of as many records, and does nothing with it.
+void ReadBloomFile(benchmark::State& state) {
+  const Layers layers = MergedLayers();
+  const TempDir directory;
+  WriteDatabases(directory.path(), layers);
+  RoadTable table(directory.path());
+  {
+    const PersistBloom bloom(true);
+    MergeNow(table, layers);
+  }
+  const auto file = directory / Persistent::BLOOM_FILE;
+  for (auto _ : state) {
+    TimeByWall(state, RecordsOf(layers), [&] {
+      std::vector<char> content(boost::filesystem::file_size(file));
+      std::ifstream stream(file.string(), std::ios::binary);
+      stream.read(content.data(), static_cast<std::streamsize>(content.size()));
+      benchmark::DoNotOptimize(content.data());
+    });
+    state.counters["mib"] = static_cast<double>(boost::filesystem::file_size(file)) / (1 << 20);
+  }
+}
+
+/// A walk of one database with as many records.
+void WalkByCursor(benchmark::State& state) {
+  const Layers layers = Alternating(RecordsOf(MergedLayers()), 1);
+  const TempDir directory;
+  WriteDatabase(directory / Persistent::FULLDB, layers.full);
+  LmdbCursorPeer cursor(directory / Persistent::FULLDB);
+  for (auto _ : state) {
+    TimeByWall(state, layers.full.size(), [&] {
+      std::uint64_t sum = 0;
+      cursor.Walk([&](std::int64_t sOff, std::int64_t eOff, std::int64_t, const Record& record) {
+        sum += static_cast<std::uint64_t>(eOff - sOff) + record.dcid;
+      });
+      benchmark::DoNotOptimize(sum);
+    });
+  }
+}
+
+}  // namespace
+
+void RegisterMerges() {
+  const std::size_t full = RoadSize(kFull);
+  const auto add = [&](const std::string& operation, const std::string& subject, auto run) {
+    Register("road/" + operation + "/" + std::to_string(full + full / 10) + "/" + subject, 1, run);
+  };
+  add("merge", "table", [](benchmark::State& state) { MergeByTable(state, false); });
+  add("merge", "lmdb_cursors", MergeByCursors);
+  add("merge", "lmdb_copy", CopyCompactly);
+  add("merge_bloom", "table", [](benchmark::State& state) { MergeByTable(state, true); });
+  add("merge_bloom", "lmdb_cursors", MergeByCursors);
+  add("references_file", "table", [](benchmark::State& state) { AskForReferences(state, true); });
+  add("references_file", "plain_read", ReadBloomFile);
+  add("references_walk", "table", [](benchmark::State& state) { AskForReferences(state, false); });
+  add("references_walk", "lmdb_cursor", WalkByCursor);
+}
+
+}  // namespace zefs_bench
