@@ -114,11 +114,18 @@ void StoredTable::Flush(bool force, const std::string& share, const TakeReleased
 }
 
 bool StoredTable::FinishMerges() {
+  // The files do not show a merge that has just been started: it has made none yet. So the table is
+  // asked to wait in any case, and once more if the merge that it waited for has failed.
+  WaitForMerges();
   if (InodeOf(directory_ + kTmpDatabase) != 0) {
-    OnTable("flush", directory_, [this] { table_->checkAndBackfillObjectIDUnlock(true); });
-    CountMerges();
+    WaitForMerges();
   }
   return InodeOf(directory_ + kTmpDatabase) == 0;
+}
+
+void StoredTable::WaitForMerges() {
+  OnTable("flush", directory_, [this] { table_->checkAndBackfillObjectIDUnlock(true); });
+  CountMerges();
 }
 
 void StoredTable::RaiseFileSize(std::int64_t size) {

@@ -49,9 +49,9 @@ class StoredTable {
   /// `share`.
   void Flush(bool force, const std::string& share, const TakeReleased& take);
 
-  /// Sees to it that the directory can be loaded again: gives a merge that has failed another try,
-  /// and waits for one that runs. False if there is still an unfinished one. Nobody uses the table
-  /// meanwhile, and all nodes have been handed back.
+  /// Sees to it that the directory can be loaded again: waits for a merge that runs or has just
+  /// been started, and gives one that has failed another try. False if there is still an unfinished
+  /// one. Nobody uses the table meanwhile, and all nodes have been handed back.
   bool FinishMerges();
 
   /// The stored size of the file, and a new one if that is larger.
@@ -59,6 +59,7 @@ class StoredTable {
   void RaiseFileSize(std::int64_t size);
 
  private:
+  void WaitForMerges();
   void CountMerges();
 
   std::string directory_;

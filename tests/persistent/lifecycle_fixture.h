@@ -3,9 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <set>
 #include <sstream>
 #include <string>
@@ -17,6 +15,7 @@
 
 #include "tests/persistent/persistent_fixture.h"
 #include "tests/support/child_process.h"
+#include "tests/support/file_bytes.h"
 #include "tests/support/plain_lmdb.h"
 
 // Table directories from outside: written and read without the code under test.
@@ -24,15 +23,6 @@
 namespace zefs::test {
 
 using Records = std::vector<PlainRecord>;
-
-inline std::string BytesOf(const boost::filesystem::path& file) {
-  std::ifstream in(file.string(), std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
-inline void WriteBytes(const boost::filesystem::path& file, const std::string& bytes) {
-  std::ofstream(file.string(), std::ios::binary) << bytes;
-}
 
 /// A fingerprint of this byte alone.
 inline PlainDigest DigestOf(unsigned char byte) {

@@ -1,8 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -12,6 +10,7 @@
 #include "refhost/host/log_recorder.h"
 #include "sidefiles/extent_journal.h"
 #include "tests/support/fault_injection.h"
+#include "tests/support/file_bytes.h"
 #include "tests/support/temp_dir.h"
 
 namespace Aldenta::Qnd::Morene::Zefs {
@@ -58,15 +57,6 @@ inline Extent NthExtent(int number) {
     extent.fp.at(i) = static_cast<unsigned char>(static_cast<std::size_t>(number) + i);
   }
   return extent;
-}
-
-inline std::string BytesOf(const boost::filesystem::path& path) {
-  std::ifstream in(path.string(), std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
-inline void WriteBytes(const boost::filesystem::path& path, const std::string& bytes) {
-  std::ofstream(path.string(), std::ios::binary) << bytes;
 }
 
 /// The bytes of a record as they are to lie in a file.

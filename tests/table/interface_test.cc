@@ -7,6 +7,7 @@
 #include "tests/support/vtable_slot.h"
 #include "tests/table/code_of.h"
 #include "tests/table/table_fixture.h"
+#include "tests/table/table_slots.h"
 
 namespace {
 
@@ -27,46 +28,7 @@ struct OneMoreNode : CMapNode {
 };
 
 TEST(InterfaceSlotTest, OperationsOfTheTableStandInTheirSlots) {
-  using T = CMappingTable;
-  std::size_t slot = 2;  // behind the destructor
-  EXPECT_EQ(slot++, SlotOf(&T::insert));
-  EXPECT_EQ(slot++, SlotOf(&T::append));
-  EXPECT_EQ(slot++, SlotOf(&T::setFileSize));
-  EXPECT_EQ(slot++, SlotOf(&T::truncate));
-  EXPECT_EQ(slot++, SlotOf(&T::getFileSize));
-  EXPECT_EQ(slot++, SlotOf(&T::begin));
-  EXPECT_EQ(slot++, SlotOf(&T::end));
-  EXPECT_EQ(slot++, SlotOf(&T::find));
-  EXPECT_EQ(slot++, SlotOf(&T::size));
-  EXPECT_EQ(slot++, SlotOf(&T::getTableSize));
-  EXPECT_EQ(slot++, SlotOf(&T::lower_bound));
-  EXPECT_EQ(slot++, SlotOf(&T::lower_bound_in_cache));
-  EXPECT_EQ(slot++, SlotOf(&T::needCommit));
-  EXPECT_EQ(slot++, SlotOf(&T::setCommit));
-  EXPECT_EQ(slot++, SlotOf(&T::load));
-  EXPECT_EQ(slot++, SlotOf(&T::UpdateExtPath));
-  EXPECT_EQ(slot++, SlotOf(&T::save));
-  EXPECT_EQ(slot++, SlotOf(&T::remove));
-  EXPECT_EQ(slot++, SlotOf(&T::checkAndBackfillObjectIDUnlock));
-  EXPECT_EQ(slot++, SlotOf(&T::checkAndBackfillObjectID));
-  EXPECT_EQ(slot++, SlotOf(&T::Snapshot));
-  EXPECT_EQ(slot++, SlotOf(&T::SetObjectID));
-  EXPECT_EQ(slot++, SlotOf(&T::GetObjectIdsAndOffsets));
-  EXPECT_EQ(slot++, SlotOf(&T::UpdateObjectIdsByRange));
-  EXPECT_EQ(slot++, SlotOf(&T::GetNewReferencedDCID));
-  EXPECT_EQ(slot++, SlotOf(&T::GetReferencedFP));
-  EXPECT_EQ(slot++, SlotOf(&T::GetDCIDAndFP));
-  EXPECT_EQ(slot++, SlotOf(&T::GetDCIDAndFPs));
-  EXPECT_EQ(slot++, SlotOf(&T::GetDCIDAndBloomFilter));
-  EXPECT_EQ(slot++, SlotOf(&T::SetDOID));
-  EXPECT_EQ(slot++, SlotOf(&T::GetDOID));
-  EXPECT_EQ(slot++, SlotOf(&T::IsDataChanged));
-  EXPECT_EQ(slot++, SlotOf(&T::GetWritingNodesCount));
-  EXPECT_EQ(slot++, SlotOf(&T::GetWritingNodes));
-  EXPECT_EQ(slot++, SlotOf(&T::GetDCInfoList));
-  EXPECT_EQ(slot++, SlotOf(&T::GetEmptyDcOffsetList));
-  EXPECT_EQ(slot++, SlotOf(&T::BackfillDcOffset));
-  EXPECT_EQ(slot++, SlotOf(&T::AppendToRefreshDcOffsetList));
+  const std::size_t slot = zefs::test::ExpectSlotsOfTheTable<CMappingTable>();
   EXPECT_EQ(slot, SlotOf(&OneMoreTable::more)) << "nothing stands behind";
 }
 

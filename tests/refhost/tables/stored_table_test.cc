@@ -14,6 +14,7 @@
 #include "refhost/store/store_error.h"
 #include "tests/refhost/store/store_fixture.h"
 #include "tests/refhost/table_settings.h"
+#include "tests/refhost/tables/late_threads.h"
 #include "tests/support/child_process.h"
 
 namespace zefs::refhost {
@@ -100,6 +101,20 @@ TEST_F(StoredTableTest, MergesAreCountedAndFinished) {
   EXPECT_TRUE(table.FinishMerges());
   EXPECT_GE(merges, 1U);
   EXPECT_EQ(30, ExtentsOf(table.table()));
+}
+
+TEST_F(StoredTableTest, MergeThatHasJustBeenStartedIsFinished) {
+  const test::SmallThresholds thresholds(1, 4);
+  const test::LateThreads late;
+  StoredTable table(Directory(), "PROVISION", &cache, &merges);
+  for (long at = 0; at < 60; at += 10) {
+    Write(table, at, at + 10);
+  }
+  Flush(table, true);  // starts a merge, which has made no file yet
+  EXPECT_FALSE(boost::filesystem::exists(Directory() + "/tmp.mdb"));
+  EXPECT_TRUE(table.FinishMerges());
+  EXPECT_EQ(1U, merges);
+  EXPECT_EQ(6, ExtentsOf(table.table()));
 }
 
 TEST_F(StoredTableTest, FailureOfTheDataCacheIsAnErrorThatNamesTheTable) {
