@@ -17,6 +17,7 @@
 
 #include "host/zefs_log.h"
 #include "tests/persistent/lifecycle_fixture.h"
+#include "tests/support/log_addresses.h"
 
 namespace zefs::test {
 
@@ -265,10 +266,7 @@ class FlushTest : public LifecycleTest {
   std::vector<std::string> Named(int minimum = 0) {
     std::vector<std::string> lines = Lines(minimum);
     for (std::string& line : lines) {
-      for (std::size_t at = line.find("0x"); at != std::string::npos; at = line.find("0x", at)) {
-        const std::size_t end = line.find_first_not_of("0123456789abcdef", at + 2);
-        line.replace(at, end - at, NameOf(line.substr(at, end - at)));
-      }
+      line = WithAddressesNamed(line, [&](const std::string& address) { return NameOf(address); });
     }
     return lines;
   }

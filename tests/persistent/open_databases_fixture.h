@@ -7,6 +7,7 @@
 
 #include "tests/persistent/lifecycle_fixture.h"
 #include "tests/support/held_lock.h"
+#include "tests/support/log_addresses.h"
 
 namespace zefs::test {
 
@@ -55,14 +56,11 @@ class OpenDatabasesTest : public LifecycleTest {
     return at == std::string::npos ? text : text.replace(at, from.size(), to);
   }
 
-  /// The log so far, with PTR for the first address in a line.
+  /// The log so far, with PTR for each address.
   std::vector<std::string> LinesWithoutAddresses() {
     std::vector<std::string> lines = Lines();
     for (std::string& line : lines) {
-      const std::size_t at = line.find("0x");
-      if (at != std::string::npos) {
-        line.replace(at, line.find_first_not_of("0123456789abcdef", at + 2) - at, "PTR");
-      }
+      line = WithAddressesNamed(line, [](const std::string&) { return "PTR"; });
     }
     return lines;
   }
