@@ -36,12 +36,6 @@ inline constexpr char ZEFS_GENERIC_STR[] = "GENERIC";
 inline constexpr char ZEFS_INGEST_STR[] = "INGEST";
 inline constexpr char ZEFS_PROVISION_STR[] = "PROVISION";
 
-/// A cursor and its transaction on one database of a chain.
-struct MDBTXNCONTEXT {
-  MDB_cursor* cursor = nullptr;
-  MDB_txn* txn = nullptr;
-};
-
 /// The extent map of one file on disk. Writes stop in an extent cache in memory; a flush moves
 /// extents whose object ids are known into a small database, beside which stand a full database
 /// and, while a merge of the two runs, a tmp database that takes the flushes. A look-up assembles
@@ -85,6 +79,12 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// The iterator (persistent/lmdb_iterator.h).
   class iteratorimp;
 
+  /// A cursor and its transaction on one database of a chain.
+  struct MDBTXNCONTEXT {
+    MDB_cursor* cursor = nullptr;
+    MDB_txn* txn = nullptr;
+  };
+
   /// A closed table; touches no disk. `dci` is asked for object ids, must outlive the table and is
   /// not owned. The map size of the full database is read from the configuration here.
   // NOLINTNEXTLINE(performance-unnecessary-value-param): as given
@@ -114,7 +114,19 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// object id cannot be stored. Takes tableLock_ shared.
   int setFileSize(long size) override;
 
-  /// Not part of this version: throws SysException(ENOSYS).
+  /// Makes the table end at `size`, 0 or more: extents behind it go, one that spans it is cut, and
+  /// the stored file size becomes `size` even if that is more than before. Forgets the table's
+  /// object id, its bloom file, all prefetched extents and all references. `trace` plays no part.
+  /// Waits for a merge that runs.
+  ///
+  /// Returns 0, or LMDB's code, or -1 for a failed read or delete; throws if a transaction cannot
+  /// be begun or the emptied object id cannot be stored. Each database has a transaction of its
+  /// own: after a failure those before it, and the cache, are cut, and the truncate can be
+  /// repeated.
+  ///
+  /// A tmp database that a failed merge has left open keeps what it holds behind `size`. A node
+  /// behind `size` counts as released, also while a piece before `size` uses it. Takes neither
+  /// rwLock_ nor tableLock_: no other call may be running.
   int truncate(long size, FILE* trace) override;
 
   /// The larger of the stored file size and the end of what was written since. Takes no lock.
@@ -159,13 +171,18 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// is then good for destruction only. Takes no lock: no other call may be running.
   int load(const std::string& extentPath, bool zxfsNoMmap, const std::string& prefix) override;
 
-  /// Not part of this version: throws SysException(ENOSYS).
+  /// The table's directory is now `path`: side files are made there from now on, and records that
+  /// the offset store still had in memory are written under the old path. No file is moved, and the
+  /// databases stay open as they are: the host moves the files before or after. Waits for a merge
+  /// that runs. Takes tableLock_ exclusively.
   void UpdateExtPath(const std::string& path) override;
 
   /// Nothing to save: returns 0.
   int save(const std::string& path, long flags) override;
 
-  /// Not part of this version: throws SysException(ENOSYS).
+  /// Empties the table and deletes `path` and all below. Returns 0, also if there is no such path,
+  /// or -1 if it could not be deleted. The environments stay open: destroying the table comes next.
+  /// Waits for a merge that runs. Takes no lock: no other call may be running.
   int remove(const std::string& path) override;
 
   /// A forced flush for a caller that holds rwLock_ exclusively, and does without the nodes that
@@ -189,16 +206,39 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
                                 const std::string& shareScope, const std::string& share,
                                 zefs::DataTransferManagement* transfer, UniqueLock* lock) override;
 
-  /// Not part of this version: throws SysException(ENOSYS).
-  int Snapshot(const std::string& source, const std::string& target) override;
+  /// Copies the full and the small database of this table, which lie in the directory `from`, to
+  /// the directory `to`, made if it is missing, where load() opens them as a table. Overwrites
+  /// nothing. What is in the cache only, and a tmp database that a failed merge has left, are not
+  /// part of it. Waits for a merge that runs, and takes no lock: the host sees to it that no flush
+  /// commits meanwhile, or the copy may be torn.
+  ///
+  /// Returns 0. Throws SysException: kErrIo if `to` cannot be made or a copy not synced, kErrExists
+  /// if it is no directory, else the code of the failed copy. What was copied by then stays.
+  int Snapshot(const std::string& from, const std::string& to) override;
 
   /// Does nothing: object ids reach this table through the flush.
   void SetObjectID(Ext* ext, const ObjectID& oid) override;
 
-  /// Not part of this version, as the next: throws SysException(ENOSYS).
+  /// The extents of the full database that end from `start` to `end`, both included, each with its
+  /// own range, and without those of a container below 63. A `start` of 0 merges first, so that
+  /// everything flushed is there; any other lists the full database as it stands. Neither number
+  /// may be above the largest `long`.
+  ///
+  /// A failing read ends the list early, which only the log tells. Throws SysException if there can
+  /// be no merge thread or no transaction. Holds tableLock_ shared, and holds off other writers of
+  /// the full database.
   ObjectIDs GetObjectIdsAndOffsets(unsigned long start, unsigned long end) override;
-  int UpdateObjectIdsByRange(unsigned long start, unsigned long end,
-                             const ObjectIDs& list) override;
+
+  /// Gives extents of the full database another container, in one synced transaction: walks them
+  /// from the first that ends at `start` or behind, and compares each with the first element of
+  /// `ids`, which are by rising end, whose endOffset it does not pass; where the fingerprints are
+  /// equal the extent gets the element's dcid. `end` is for the log. Drops all prefetched extents.
+  ///
+  /// Returns 0, or LMDB's code of a failed put, and then nothing is changed. A failing read also
+  /// changes nothing, and returns 0: only the log tells. Throws SysException if there can be no
+  /// transaction or it cannot be committed. Takes prefetchLock_ for a moment, then holds tableLock_
+  /// shared.
+  int UpdateObjectIdsByRange(unsigned long start, unsigned long end, const ObjectIDs& ids) override;
 
   /// Not supported by this table, as the next: throws the int 0.
   void GetNewReferencedDCID(std::vector<std::pair<unsigned long, unsigned long>>* out) override;
@@ -226,13 +266,40 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// alone. Takes tableLock_ shared.
   int GetDOID(ObjectID* oid) override;
 
-  /// Not part of this version, as the next five: throws SysException(ENOSYS).
+  /// Whether the table was written to since GetDCIDAndBloomFilter, or has no object id of its own:
+  /// the host must take the references again. Takes no lock.
   bool IsDataChanged() override;
+
+  /// Replaces `*out` by the nodes of extents that wait for a flush, each once, with what
+  /// GetNodeObjectID says of it; with `internal_flush` without those that answer 1. Takes nothing
+  /// off the list, unlike the table in memory. Takes no lock: no write or flush may be running.
   void GetWritingNodes(std::vector<DataCacheNodePointerWithStatus>* out,
                        bool internal_flush) override;
+
+  /// Appends to `*out` what the range consists of, container by container in the order met, and
+  /// keeps the extents for look-ups if `prefetchEnabled` says so. Extents without a container are
+  /// not listed. An extent that begins before the range is listed whole, and one behind it may be,
+  /// marked by `inRange`. A container of an earlier call gets a new entry. An empty range changes
+  /// nothing.
+  ///
+  /// Throws SysException if a transaction cannot be begun; nothing is changed then. A failing read
+  /// ends the plan early. Holds rwLock_ and tableLock_ shared, and a write transaction on each
+  /// database: it waits for other writers, and holds them off.
   void GetDCInfoList(const PrefetchRange& range, std::list<DCInfo>* out) override;
+
+  /// Hands out the extents whose container offset is wanted, as DcOffsetStore::Read does, whose
+  /// results these are. -1 if `out` is null. Holds rwLock_ shared.
   int GetEmptyDcOffsetList(std::vector<zefs::DCOffset>* out) override;
+
+  /// Takes that list back, with what the host has found: an extent that still stands there with the
+  /// same container and fingerprint goes back into the cache with the offset, and the next flush
+  /// stores it. What is still open is kept for the next list. Drops all prefetched extents. Returns
+  /// 0, or the code of what failed; the host may then hand the list back again. Holds rwLock_
+  /// exclusively while it changes extents.
   int BackfillDcOffset(std::vector<zefs::DCOffset>& offsets) override;
+
+  /// Asks for a fresh container offset of the extent that starts at `key`. Returns 0 or the code of
+  /// a failed write of the list. Takes no lock of the table.
   int AppendToRefreshDcOffsetList(long key, unsigned long dcid, crfp_digest_t fp) override;
 
   // Behind the operations of every table:
@@ -247,9 +314,14 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   virtual int setExtMapVersion(ExtMapVersion version);
   virtual ExtMapVersion getExtMapVersion() const;
 
-  // The free functions of the same names, without their log lines. Not part of this version: throw
-  // SysException(ENOSYS).
+  /// Sets `*out` to the directory of the table whose full database is `path`. -1, and `*out` as it
+  /// was, unless the file name is FULLDB: that of a table with a prefix is not. Throws
+  /// SysException(kErrInvalid) if `out` is null. Looks at no file.
   static int GetMapAbsolutePath(const std::string& path, std::string* out);
+  /// The same under a second name.
+  static int GetMapRelativePath(const std::string& path, std::string* out);
+  /// Adds to `*out` the prefixes of the tables in the directory `path`. 0, or -1 if there is no
+  /// such path. Passes boost::filesystem::filesystem_error through.
   static int GetMapIndexSet(const std::string& path, std::set<std::string>* out);
 
   /// The words for an LMDB or system code, which also go to standard output.
@@ -283,6 +355,10 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// empties the table's object id, in the small database too if `persist`, for which it takes
   /// tableLock_ shared. 0.
   int ResetDOID(bool persist);
+  /// The same, stored, for a caller that has the table to itself. Takes no lock.
+  void ForgetDOIDUnlocked();
+  /// What both do in memory. False if the table has changed before.
+  bool NoteFirstChange();
   /// `*id` without container and fingerprint; the attributes are left alone.
   static void MakeEmptyDOID(ObjectID* id);
 
@@ -320,6 +396,15 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   int UndoRecord(const Extent& record, MDB_txn* txn, MDB_dbi dbi);
   /// Empties the memory of the table, but for sizes and shares. No lock.
   void ResetCache();
+
+  // --- truncate (truncate.cc). No lock: the caller has the table to itself.
+
+  /// Cuts the cache. Always 0.
+  int truncateCache(long size);
+  /// Cuts one database in one transaction. 0, -1 or LMDB's code; throws if none can be begun.
+  int truncateDB(LMDBContext* db, long size);
+  /// Forgets what earlier walks have counted.
+  void ForgetSummaries();
 
   // --- extent cache (extent_cache.cc)
 
@@ -448,6 +533,28 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
                 const MergeStep& step, const Transaction& output, BloomFilter* bloom);
   void PutMergedSpecialItems(Transaction* output);
   void StoreMergedBloom(BloomFilter* bloom);
+
+  // --- prefetch (prefetch.cc)
+
+  /// Drops all prefetched extents, if `prefetchEnabled` says that there may be any. Takes
+  /// prefetchLock_.
+  void DropAllPrefetched();
+  /// Begins a write transaction with a cursor on each database of `chain`, in that order, and adds
+  /// them to `*ctxs`. Throws if one cannot be begun; none is open then.
+  void CreateMDBTxnContext(const Chain& chain, std::list<MDBTXNCONTEXT>* ctxs);
+  /// Ends them all. The elements stay, and must not be used any more.
+  static void AbortMDBTxnContext(std::list<MDBTXNCONTEXT>* ctxs);
+  class PlanTransactions;
+  /// The first extent that ends behind `offset`, as far as it is visible, as GetNextExtent, but
+  /// without prefetched extents and on open transactions. False if there is none.
+  bool NextPlanned(long offset, PlanTransactions* transactions, ExtLMDB* out);
+  /// Adds one extent to the plan, unless it has no container. `*byDcid` finds the containers that
+  /// this plan has met.
+  static void CheckAndFill(std::list<DCInfo>* out, std::map<unsigned long, DCInfo*>* byDcid,
+                           const ExtLMDB& ext, const PrefetchRange& range);
+  /// Merges a run of extents into prefetchExts_ and leaves `*fetched` unspecified, if
+  /// `prefetchEnabled` says so. Takes prefetchLock_.
+  void SafeMoveToExtCache(std::vector<ExtLMDB>* fetched);
 
   // --- references (references.cc)
 

@@ -12,6 +12,7 @@ namespace Aldenta::Qnd::Morene::Zefs {
 namespace {
 
 using zefs::kLogFailure;
+using zefs::kLogStep;
 using zefs::kLogTrace;
 
 constexpr std::uint64_t kLastUnsetDoidDcid = 64;  ///< a table's object id starts above this
@@ -254,17 +255,36 @@ int CMappingLMDB::GetDOID(ObjectID* oid) {
   return 0;
 }
 
-int CMappingLMDB::ResetDOID(bool persist) {
+bool CMappingLMDB::NoteFirstChange() {
   if (dataChanged_) {
-    return 0;
+    return false;
   }
   dataChanged_ = true;
   MakeEmptyDOID(&doid_);
-  if (persist) {
+  return true;
+}
+
+int CMappingLMDB::ResetDOID(bool persist) {
+  if (NoteFirstChange() && persist) {
     const SharedLock lock(tableLock_);  // as in setFileSize
     SetDOIDUnlocked(&smallDb_, &doid_);
   }
   return 0;
+}
+
+void CMappingLMDB::ForgetDOIDUnlocked() {
+  if (NoteFirstChange()) {
+    SetDOIDUnlocked(&smallDb_, &doid_);
+  }
+}
+
+bool CMappingLMDB::IsDataChanged() {
+  ZEFS_LOG(kLogStep, "%s, fp:%s, dcid:%ld", "IsDataChanged", TextOf(doid_.fp).data(),
+           PrintedDcid(doid_));
+  if (CRFPIsEmptyDigest(doid_.fp.data(), kCrfpDigestKind) == 1 && doid_.dcid == 0) {
+    return true;
+  }
+  return dataChanged_;
 }
 
 }  // namespace Aldenta::Qnd::Morene::Zefs

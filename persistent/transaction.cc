@@ -57,6 +57,11 @@ int Transaction::CommitLogged() {
   return ret;
 }
 
+void Transaction::Release() {
+  cursor_ = nullptr;
+  txn_ = nullptr;
+}
+
 void Transaction::Abort() {
   CloseCursor();
   if (txn_ != nullptr) {

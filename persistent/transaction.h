@@ -47,6 +47,9 @@ class Transaction {
   /// Commit, with a failure in the log.
   int CommitLogged();
 
+  /// Gives both handles away, open as they are: whoever has them ends them.
+  void Release();
+
   /// Closes the cursor and aborts. Nothing to do if the transaction has ended.
   void Abort();
 

@@ -37,6 +37,9 @@ class FingerprintIndex {
   /// Takes out the entry of `fp`, if it is in here.
   void Erase(const crfp_digest_t& fp);
 
+  /// Takes all entries out.
+  void Clear() { *this = FingerprintIndex(); }
+
  private:
   struct Slot {
     std::uint64_t hash = 0;  // 0: empty

@@ -303,6 +303,9 @@ class ZEFS_EXTMAP_API CMappingTable {
   bool commit_ = false;
 
  protected:
+  /// Forgets all references. No lock: the caller sees to it that nobody else uses them.
+  void ClearReferences();
+
   /// Guards all of the in-memory table. Exclusive for every change, shared for the operations that
   /// say so; lower_bound, begin, end and iterators rely on the caller.
   boost::shared_mutex tableLock_;
@@ -326,9 +329,9 @@ class ZEFS_EXTMAP_API CMappingTable {
 ZEFS_EXTMAP_API CMappingTable* CreateMappingTable(zefs::DataCacheManagementInterface* dci,
                                                   std::string tableType);
 
-/// Where a table lies, and which indices its directory holds. With tables in memory: return 0 and
-/// leave `*out` alone. The first two are one behaviour under two names. With persistent tables:
-/// throw SysException(ENOSYS), this version does not have them.
+/// Where a table lies, and which tables a directory holds. With tables in memory: return 0 and
+/// leave `*out` alone. With persistent tables: what the static operations of the same names in
+/// persistent/mapping_lmdb.h tell. The first two are one behaviour under two names.
 ZEFS_EXTMAP_API int GetMapRelativePath(const std::string& path, std::string* out);
 ZEFS_EXTMAP_API int GetMapAbsolutePath(const std::string& path, std::string* out);
 ZEFS_EXTMAP_API int GetMapIndexSet(const std::string& path, std::set<std::string>* out);

@@ -18,6 +18,12 @@ ReferenceChange CMappingTable::StartReferenceChange() {
   return ReferenceChange(&refsByDcid_, &refsByFp_, &fpIndex_);
 }
 
+void CMappingTable::ClearReferences() {
+  fpIndex_.Clear();
+  refsByFp_.clear();
+  refsByDcid_.clear();
+}
+
 void CMappingTable::InnerAddReference(unsigned long dcid, FingerprintText fp, unsigned long bytes) {
   StartReferenceChange().Add(dcid, fp, bytes);
 }

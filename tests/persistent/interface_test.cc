@@ -202,15 +202,4 @@ TEST_F(MappingLMDBInterfaceTest, TheTypeIsComparedExactlyAndAnUnknownOneIsNoErro
   EXPECT_STREQ("INGEST", ZEFS_INGEST_STR);
 }
 
-TEST_F(MappingLMDBInterfaceTest, WhatIsNotInThisVersionThrowsAndSaysSo) {
-  CMappingLMDB& table = Load();
-  log_.Take();
-  EXPECT_EQ(ENOSYS, CodeOf([&] { table.truncate(0, nullptr); }));
-  EXPECT_THAT(Lines(8), testing::ElementsAre(
-                            "8 CMappingLMDB::truncate() is not in this version of the library"));
-  EXPECT_EQ(ENOSYS, CodeOf([&] { table.remove("x"); }));
-  EXPECT_EQ(ENOSYS, CodeOf([&] { table.IsDataChanged(); }));
-  EXPECT_EQ(0, table.size()) << "nothing was touched";
-}
-
 }  // namespace

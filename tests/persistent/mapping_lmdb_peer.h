@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "persistent/lmdb_iterator.h"
@@ -97,7 +98,8 @@ struct MappingLMDBTestPeer {
     return table.GetNextExtInDBChain(chain, at, offset, out);
   }
   int GetNextExtInDBChain(ConstChain& chain, std::list<LMDBContext*>::iterator at,
-                          std::list<MDBTXNCONTEXT>::iterator ctx, long offset, ExtLMDB* out) {
+                          std::list<CMappingLMDB::MDBTXNCONTEXT>::iterator ctx, long offset,
+                          ExtLMDB* out) {
     return table.GetNextExtInDBChain(chain, at, ctx, offset, out);
   }
   void getExtLMDBFromExtLMDBEntry(long key, const ExtLMDBEntry* entry, ExtLMDB* out) {
@@ -145,6 +147,23 @@ struct MappingLMDBTestPeer {
                             std::unordered_map<unsigned long, unsigned long>* dcidRefs,
                             BloomFilter* bloom) {
     CMappingLMDB::ConstructRefs(key, entry, dcidRefs, bloom);
+  }
+  int truncateCache(long size) { return table.truncateCache(size); }
+  int truncateDB(LMDBContext* db, long size) { return table.truncateDB(db, size); }
+  void CreateMDBTxnContext(ConstChain& chain, std::list<CMappingLMDB::MDBTXNCONTEXT>* ctxs) {
+    table.CreateMDBTxnContext(chain, ctxs);
+  }
+  void AbortMDBTxnContext(std::list<CMappingLMDB::MDBTXNCONTEXT>* ctxs) {
+    table.AbortMDBTxnContext(ctxs);
+  }
+  void CheckAndFill(std::list<CMappingTable::DCInfo>* out,
+                    std::map<unsigned long, CMappingTable::DCInfo*>* byDcid, const ExtLMDB& ext,
+                    const CMappingTable::PrefetchRange& range) {
+    table.CheckAndFill(out, byDcid, ext, range);
+  }
+  void SafeMoveToExtCache(std::vector<ExtLMDB>* fetched) { table.SafeMoveToExtCache(fetched); }
+  void ReplaceLmdbApi(std::unique_ptr<storage::utils::LmdbCApiWrapper> api) {
+    table.lmdbApi_ = std::move(api);
   }
   static const std::map<int, std::string>& mdb_errno_to_string() {
     return CMappingLMDB::mdb_errno_to_string;

@@ -182,7 +182,7 @@ class Cursors {
  public:
   explicit Cursors(const std::list<Aldenta::Qnd::Morene::Zefs::LMDBContext*>& chain) {
     for (const auto* db : chain) {
-      Aldenta::Qnd::Morene::Zefs::MDBTXNCONTEXT context;
+      Aldenta::Qnd::Morene::Zefs::CMappingLMDB::MDBTXNCONTEXT context;
       if (::mdb_txn_begin(db->env, nullptr, MDB_RDONLY, &context.txn) != 0 ||
           ::mdb_cursor_open(context.txn, db->dbi, &context.cursor) != 0) {
         throw std::runtime_error("cannot open a cursor");
@@ -199,12 +199,12 @@ class Cursors {
   Cursors(const Cursors&) = delete;
   Cursors& operator=(const Cursors&) = delete;
 
-  std::list<Aldenta::Qnd::Morene::Zefs::MDBTXNCONTEXT>::iterator begin() {
+  std::list<Aldenta::Qnd::Morene::Zefs::CMappingLMDB::MDBTXNCONTEXT>::iterator begin() {
     return contexts_.begin();
   }
 
  private:
-  std::list<Aldenta::Qnd::Morene::Zefs::MDBTXNCONTEXT> contexts_;
+  std::list<Aldenta::Qnd::Morene::Zefs::CMappingLMDB::MDBTXNCONTEXT> contexts_;
 };
 
 }  // namespace zefs::test

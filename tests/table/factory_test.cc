@@ -83,22 +83,23 @@ TEST_F(FactoryTest, AnyNumberButZeroIsTheSettingAndTheTypeReachesTheTable) {
   }
 }
 
-TEST_F(FactoryTest, WithTheSettingThePathFunctionsAreRefusedWithALineThatSaysWhy) {
+TEST_F(FactoryTest, WithTheSettingThePathFunctionsAreThoseOfThePersistentTable) {
   ZefsConfig::GetInstance().useLmdbTable = 1;
-  const std::string why =
-      "8 CMappingLMDB::GetMapAbsolutePath() is not in this version of the library";
-  std::string out = "as it was";
-  EXPECT_EQ(ENOSYS, CodeOf([&] { GetMapRelativePath("/volume/file", &out); }));
-  EXPECT_THAT(Lines(), testing::ElementsAre("0 using CMappingLMDB", why));
-  EXPECT_EQ(ENOSYS, CodeOf([&] { GetMapAbsolutePath("/volume/file", &out); }));
-  EXPECT_THAT(Lines(), testing::ElementsAre("0 using CMappingLMDB", why));
-  EXPECT_EQ("as it was", out);
+  const testing::Matcher<std::vector<std::string>> lines = testing::ElementsAre(
+      "0 using CMappingLMDB", "0 CMappingLMDB::GetMapAbsolutePath(), srcPath=/volume/data.mdb",
+      "0 filename=data.mdb", "0 new filePath=/volume");
+  std::string out;
+  EXPECT_EQ(0, GetMapRelativePath("/volume/data.mdb", &out));
+  EXPECT_EQ("/volume", out);
+  EXPECT_THAT(Lines(), lines);
+  out.clear();
+  EXPECT_EQ(0, GetMapAbsolutePath("/volume/data.mdb", &out));
+  EXPECT_EQ("/volume", out);
+  EXPECT_THAT(Lines(), lines);
   std::set<std::string> indices;
-  EXPECT_EQ(ENOSYS, CodeOf([&] { GetMapIndexSet("/volume/file", &indices); }));
-  EXPECT_THAT(Lines(),
-              testing::ElementsAre(
-                  "8 CMappingLMDB::GetMapIndexSet() is not in this version of the library"))
-      << "this one does not tell its choice";
+  EXPECT_EQ(-1, GetMapIndexSet("/volume/that/is/not/there", &indices));
+  EXPECT_THAT(indices, testing::IsEmpty());
+  EXPECT_THAT(Lines(), testing::IsEmpty()) << "this one does not tell its choice";
 }
 
 }  // namespace
