@@ -14,6 +14,7 @@ int main(int argc, char** argv) {
   zefs_bench::RegisterPersistent();
   zefs_bench::RegisterRoads();
   zefs_bench::RegisterMerges();
+  zefs_bench::RegisterRanges();
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
 }

@@ -37,16 +37,6 @@ std::size_t RecordsOf(const Layers& layers) {
   return layers.full.size() + layers.small.size();
 }
 
-/// Times `work` by the wall, as it waits for the disk and runs on a thread of its own.
-template <typename Work>
-void TimeByWall(benchmark::State& state, std::size_t records, Work work) {
-  const Usage usage;
-  work();
-  state.SetIterationTime(usage.Wall());
-  state.counters["cpu_us_per_item"] = usage.Cpu() * 1e6 / static_cast<double>(records);
-  state.SetItemsProcessed(static_cast<std::int64_t>(records));
-}
-
 /// One write behind all others, whose flush starts a merge, and the wait for that.
 void MergeNow(RoadTable& table, const Layers& layers) {
   const MergeAfter oneRecord(0);

@@ -16,6 +16,7 @@ void RegisterFloors();
 void RegisterPersistent();
 void RegisterRoads();
 void RegisterMerges();
+void RegisterRanges();
 
 /// The size of a benchmark of a road: the usual one, or what the environment says in
 /// ZEFS_BENCH_ROAD, for a look at whether all of them run.

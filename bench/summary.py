@@ -21,6 +21,10 @@ PERSISTENT_PEERS = {
     "insert_nodes": ["std_map"],
     "find": ["std_map", "lmdb_begun", "lmdb_renewed"],
     "walk": ["lmdb_merge", "lmdb_cursor"],
+    "plan": ["lmdb_plan", "lmdb_merge", "lmdb_cursor"],
+    "plan_kept": ["lmdb_plan", "lmdb_merge", "lmdb_cursor"],
+    "references": ["lmdb_cursor", "lmdb_counting"],
+    "object_ids": ["lmdb_cursor"],
 }
 ROAD = "road"
 ROAD_LIVES = ["random", "append"]  # whole lives of a table; the other roads are single operations

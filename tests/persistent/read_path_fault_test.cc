@@ -200,8 +200,7 @@ TEST_F(ReadPathFaultTest, AFailureInsideALookUpReleasesTheLockThatTheCallerWould
   ExpectNothingLeftOpen();
 }
 
-// --- cursors of the caller
-// --------------------------------------------------------------------------
+// --- cursors of the caller -------------------------------------------------------------------
 
 struct GivenFault {
   const char* name;
@@ -228,7 +227,7 @@ TEST_P(GivenCursorFaultTest, EndsTheWalkThereAndThrowsNothing) {
       const auto begins = Faults::Count(Call::kMdbTxnBegin);
       const auto opens = Faults::Count(Call::kMdbCursorOpen);
       Faults::OnlyDatabase(fault.database);
-      Faults::FailNth(Call::kMdbCursorGet, fault.nth, kCode);
+      Faults::FailNth(Call::kMdbCursorGet, 1 + fault.nth, kCode);  // behind where it asks its place
       log_.Take();
       ExtLMDB out;
       EXPECT_EQ(fault.result, peer().GetNextExtInDBChain(peer().dbChain(), peer().dbChain().begin(),
@@ -251,6 +250,28 @@ TEST_P(GivenCursorFaultTest, EndsTheWalkThereAndThrowsNothing) {
     }
     ExpectNothingLeftOpen();
   }
+}
+
+// A cursor that stands in front of what is wanted steps on instead of searching.
+TEST_F(ReadPathFaultTest, AFailingStepOfAGivenCursorEndsTheWalkAsASearchDoes) {
+  Cursors cursors(peer().dbChain());
+  const auto next = [&](ExtLMDB* out) {
+    return peer().GetNextExtInDBChain(peer().dbChain(), peer().dbChain().begin(), cursors.begin(),
+                                      kAhead, out);
+  };
+  ExtLMDB out;
+  ASSERT_EQ(0, next(&out));
+  constexpr int kPlaceThenStep = 2;
+  Faults::OnlyDatabase(kTmp);
+  Faults::FailNth(Call::kMdbCursorGet, kPlaceThenStep, kCode);
+  log_.Take();
+  EXPECT_EQ(-1, next(&out));
+  EXPECT_TRUE(Faults::Fired());
+  EXPECT_THAT(Lines(1), ElementsAre(kNoRead));
+  Faults::FailNth(Call::kMdbCursorGet, 1, kCode);
+  EXPECT_EQ(0, next(&out)) << "a cursor that cannot tell its place searches";
+  EXPECT_TRUE(Faults::Fired());
+  EXPECT_EQ(kAtAhead, PartOf(out));
 }
 
 INSTANTIATE_TEST_SUITE_P(
