@@ -153,13 +153,13 @@ struct MappingLMDBTestPeer {
   void CreateMDBTxnContext(ConstChain& chain, std::list<CMappingLMDB::MDBTXNCONTEXT>* ctxs) {
     table.CreateMDBTxnContext(chain, ctxs);
   }
-  void AbortMDBTxnContext(std::list<CMappingLMDB::MDBTXNCONTEXT>* ctxs) {
-    table.AbortMDBTxnContext(ctxs);
+  static void AbortMDBTxnContext(std::list<CMappingLMDB::MDBTXNCONTEXT>* ctxs) {
+    CMappingLMDB::AbortMDBTxnContext(ctxs);
   }
-  void CheckAndFill(std::list<CMappingTable::DCInfo>* out,
-                    std::map<unsigned long, CMappingTable::DCInfo*>* byDcid, const ExtLMDB& ext,
-                    const CMappingTable::PrefetchRange& range) {
-    table.CheckAndFill(out, byDcid, ext, range);
+  static void CheckAndFill(std::list<CMappingTable::DCInfo>* out,
+                           std::map<unsigned long, CMappingTable::DCInfo*>* byDcid,
+                           const ExtLMDB& ext, const CMappingTable::PrefetchRange& range) {
+    CMappingLMDB::CheckAndFill(out, byDcid, ext, range);
   }
   void SafeMoveToExtCache(std::vector<ExtLMDB>* fetched) { table.SafeMoveToExtCache(fetched); }
   void ReplaceLmdbApi(std::unique_ptr<storage::utils::LmdbCApiWrapper> api) {
