@@ -3,19 +3,24 @@
 #include <cstddef>
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include <benchmark/benchmark.h>
 
 namespace zefs_bench {
 
 /// Register the benchmarks. Names are "workload/counting/operation/size/map", "floor/…" for the
-/// bounds, "persistent/operation/case/size/subject" for parts of the persistent table, and
-/// "road/workload/size/subject" for its whole way to the disk.
+/// bounds, "persistent/operation/case/size/subject" for parts of the persistent table,
+/// "road/workload/size/subject" for its whole way to the disk, and "trace/name/length/subject" for
+/// the same under the requests of traces, the files at `paths`. Throws
+/// zefs::refhost::TraceError for a file that is no trace.
 void RegisterMaps();
 void RegisterFloors();
 void RegisterPersistent();
 void RegisterRoads();
 void RegisterMerges();
+void RegisterMergeLookups();
+void RegisterTraces(const std::vector<std::string>& paths);
 
 /// The size of a benchmark of a road: the usual one, or what the environment says in
 /// ZEFS_BENCH_ROAD, for a look at whether all of them run.
