@@ -76,8 +76,12 @@ void RunCourse(benchmark::State& state, const std::string& name, const Course& c
     state.SetIterationTime(usage.Wall());
     SettleAndReport(state, usage, "request", requests, directory.path(), subject);
     state.counters["requests_per_second"] = requests / (run.writeSeconds + run.readSeconds);
-    state.counters["writes_per_second"] = written / run.writeSeconds;
-    state.counters["reads_per_second"] = (requests - written) / run.readSeconds;
+    if (written > 0) {
+      state.counters["writes_per_second"] = written / run.writeSeconds;
+    }
+    if (requests > written) {
+      state.counters["reads_per_second"] = (requests - written) / run.readSeconds;
+    }
     state.counters["extents_read"] = static_cast<double>(run.shown.extents());
     const Shown all = ShownByAllUnits(trace.units, subject);
     state.counters["extents"] = static_cast<double>(all.extents());

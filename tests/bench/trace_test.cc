@@ -38,7 +38,7 @@ constexpr std::size_t kUnits = 3;
 constexpr std::int64_t kRange = 300 * kBlock;
 
 std::string Written(const TempDir& directory, const std::string& text) {
-  const std::string path = (directory / "day-1.txt").string();
+  std::string path = (directory / "day-1.txt").string();
   std::ofstream(path) << text;
   return path;
 }
