@@ -99,6 +99,7 @@ void LookUpRoundMerge(benchmark::State& state, const std::vector<std::int64_t>& 
 }
 
 void LookUpInTable(benchmark::State& state) {
+  const PersistBloom bloom(false);
   const Layers layers = MergedLayers();
   const auto offsets = OffsetsIn(layers.full, kLookups);
   for (auto _ : state) {

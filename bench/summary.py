@@ -56,6 +56,8 @@ LOOKUP_COLUMNS = [
     for counter, heading in (("mean_us", "mean µs"), ("p50_us", "p50 µs"), ("p99_us", "p99 µs"),
                              ("longest_ms", "longest ms"))
 ]
+# One value of a whole run, that of a moment or next to nothing: no spread, no ratio.
+SINGLE = {BUSY[0], "merging_longest_ms", "merged_longest_ms"}
 COUNTERS = {"items_per_second", "bytes_per_extent", "tree_bytes_per_extent", "cpu_us_per_item"}
 COUNTERS.update(counter for counter, *_ in ROAD_COLUMNS + TRACE_COLUMNS + LOOKUP_COLUMNS)
 
@@ -172,7 +174,7 @@ def subject_lines(subjects, columns):
             for counter, _, (divisor, digits), _ in columns:
                 values = subjects[name].get(counter)
                 cells.append(f"{median(values) / divisor:.{digits}f}" if values else "")
-                if values and counter != BUSY[0]:  # mostly next to nothing
+                if values and counter not in SINGLE:
                     cells[-1] += f" ±{spread(values):.0f} %"
             yield cells
     cells = ["table / best peer (range)"]
@@ -180,7 +182,7 @@ def subject_lines(subjects, columns):
         ours = subjects.get("table", {}).get(counter)
         peers = {name: subjects[name][counter] for name in ROAD_SUBJECTS[1:]
                  if counter in subjects.get(name, {})}
-        if not ours or not peers or counter == BUSY[0]:
+        if not ours or not peers or counter in SINGLE:
             cells.append("")
             continue
         best = (max if more else min)(peers, key=lambda name: median(peers[name]))

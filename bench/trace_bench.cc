@@ -35,8 +35,8 @@ struct Course {
   std::size_t rounds;
 };
 
-/// About as many rounds as it takes to write kLoopedWrites times, unless these have too many
-/// requests.
+/// As many whole rounds as have at most kLoopedWrites writes and kLoopedRequests requests, but one
+/// at least.
 std::size_t LoopedRounds(const Trace& trace) {
   const std::size_t byWrites = RoadSize(kLoopedWrites) / std::max(trace.writes, std::size_t{1});
   const std::size_t byRequests = kLoopedRequests / std::max(trace.requests.size(), std::size_t{1});
