@@ -7,9 +7,8 @@
 
 #include <boost/filesystem/operations.hpp>
 
+#include "bench/merge_case.h"
 #include "bench/peers/lmdb_peers.h"
-#include "bench/peers/lmdb_store.h"
-#include "bench/process_usage.h"
 #include "bench/registry.h"
 #include "bench/road_table.h"
 #include "bench/stored_extents.h"
@@ -26,25 +25,9 @@ namespace {
 using zefs::test::TempDir;
 using Persistent = RoadTable::Persistent;
 
-constexpr std::size_t kFull = 1800000;  // and a tenth as many in the small database
-constexpr std::size_t kBatch = 10000;   // as the table's merge, by default
-
-Layers MergedLayers() {
-  return FullBetweenOthers(RoadSize(kFull), 2);
-}
-
-std::size_t RecordsOf(const Layers& layers) {
-  return layers.full.size() + layers.small.size();
-}
-
-/// One write behind all others, whose flush starts a merge, and the wait for that.
+/// A merge from the flush that starts it to its end.
 void MergeNow(RoadTable& table, const Layers& layers) {
-  const MergeAfter oneRecord(0);
-  Write write;
-  write.sOff = layers.full.back().eOff + layers.small.back().eOff;
-  write.eOff = write.sOff + kBlock;
-  write.objectID = layers.full.back().record.GetObjectID();
-  table.WriteBatch(&write, &write + 1);
+  StartMerge(table, layers);
   table.Settle();
 }
 
@@ -59,26 +42,13 @@ void MergeByTable(benchmark::State& state, bool withBloom) {
   }
 }
 
-/// Cursors side by side into a third database, with as many records a synced transaction.
-void MergeByCursors(benchmark::State& state) {
+void MergeByBareCursors(benchmark::State& state) {
   const Layers layers = MergedLayers();
   for (auto _ : state) {
     const TempDir directory;
     WriteDatabases(directory.path(), layers);
     LmdbMergePeer source(directory.path());
-    TimeByWall(state, RecordsOf(layers), [&] {
-      LmdbStore merged(directory.path());
-      std::size_t count = 0;
-      merged.Begin();
-      source.Walk([&](std::int64_t, std::int64_t eOff, std::int64_t, const Record& record) {
-        merged.Append({eOff, record});  // nothing overlaps here, so no record is cut
-        if (++count % kBatch == 0) {
-          merged.Commit();
-          merged.Begin();
-        }
-      });
-      merged.Commit();
-    });
+    TimeByWall(state, RecordsOf(layers), [&] { MergeByCursors(source, directory.path()); });
   }
 }
 
@@ -160,15 +130,15 @@ void WalkByCursor(benchmark::State& state) {
 }  // namespace
 
 void RegisterMerges() {
-  const std::size_t full = RoadSize(kFull);
+  const std::string records = std::to_string(FullRecords() + FullRecords() / 10);
   const auto add = [&](const std::string& operation, const std::string& subject, auto run) {
-    Register("road/" + operation + "/" + std::to_string(full + full / 10) + "/" + subject, 1, run);
+    Register("road/" + operation + "/" + records + "/" + subject, 1, run);
   };
   add("merge", "table", [](benchmark::State& state) { MergeByTable(state, false); });
-  add("merge", "lmdb_cursors", MergeByCursors);
+  add("merge", "lmdb_cursors", MergeByBareCursors);
   add("merge", "lmdb_copy", CopyCompactly);
   add("merge_bloom", "table", [](benchmark::State& state) { MergeByTable(state, true); });
-  add("merge_bloom", "lmdb_cursors", MergeByCursors);
+  add("merge_bloom", "lmdb_cursors", MergeByBareCursors);
   add("references_file", "table", [](benchmark::State& state) { AskForReferences(state, true); });
   add("references_file", "plain_read", ReadBloomFile);
   add("references_walk", "table", [](benchmark::State& state) { AskForReferences(state, false); });

@@ -68,6 +68,9 @@ class TableOver {
   /// The object itself.
   Persistent& table() const { return static_cast<Persistent&>(*table_); }
 
+ protected:
+  const Table::iterator& end() const { return end_; }
+
  private:
   Cache cache_;
   std::unique_ptr<Table> table_;

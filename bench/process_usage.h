@@ -1,10 +1,8 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 
-#include <benchmark/benchmark.h>
 #include <boost/filesystem/path.hpp>
 
 namespace zefs_bench {
@@ -36,16 +34,5 @@ class Usage {
   double cpu_ = ProcessCpuSeconds();
   std::uint64_t written_ = BytesWritten().value_or(0);
 };
-
-/// Runs `work`, which waits for the disk or has threads of its own, once: its time is that of the
-/// wall, and the CPU time of all threads stands beside it.
-template <typename Work>
-void TimeByWall(benchmark::State& state, std::size_t items, Work work) {
-  const Usage usage;
-  work();
-  state.SetIterationTime(usage.Wall());
-  state.counters["cpu_us_per_item"] = usage.Cpu() * 1e6 / static_cast<double>(items);
-  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(items));
-}
 
 }  // namespace zefs_bench

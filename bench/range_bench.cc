@@ -15,7 +15,6 @@
 
 #include "bench/peers/lmdb_peers.h"
 #include "bench/persistent_subject.h"
-#include "bench/process_usage.h"
 #include "bench/registry.h"
 #include "bench/stored_extents.h"
 #include "host/bloom_filter.h"

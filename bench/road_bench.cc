@@ -2,15 +2,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
-#include <thread>
-#include <type_traits>
 #include <vector>
-
-#include <boost/filesystem/operations.hpp>
 
 #include "bench/peers/stores.h"
 #include "bench/process_usage.h"
 #include "bench/registry.h"
+#include "bench/road_report.h"
 #include "bench/road_table.h"
 #include "tests/support/temp_dir.h"
 
@@ -23,15 +20,10 @@ namespace zefs_bench {
 namespace {
 
 using zefs::test::TempDir;
-using Persistent = RoadTable::Persistent;
 
-constexpr std::size_t kBatch = 10000;
 constexpr std::size_t kRandomWrites = 1000000;
 constexpr std::size_t kAppendWrites = 2000000;
 constexpr std::size_t kLookups = 1000000;
-constexpr std::size_t kLookupsARound = 1000;
-constexpr double kMicro = 1e6;
-constexpr double kMiB = 1 << 20;
 
 enum class Order { kRandom, kAppend };
 
@@ -53,9 +45,9 @@ template <typename Subject>
 void StoreAll(benchmark::State& state, Order order, const std::vector<Write>& writes,
               const boost::filesystem::path& directory, Subject& subject) {
   const Usage usage;
-  for (std::size_t first = 0; first < writes.size(); first += kBatch) {
+  for (std::size_t first = 0; first < writes.size(); first += kRoadBatch) {
     const Write* const begin = &writes[first];
-    const Write* const end = begin + std::min(kBatch, writes.size() - first);
+    const Write* const end = begin + std::min(kRoadBatch, writes.size() - first);
     if (order == Order::kRandom) {
       subject.WriteBatch(begin, end);
     } else {
@@ -63,15 +55,9 @@ void StoreAll(benchmark::State& state, Order order, const std::vector<Write>& wr
     }
   }
   const double stored = usage.Wall();
-  subject.Settle();
   const auto count = static_cast<double>(writes.size());
   state.counters["writes_per_second"] = count / stored;
-  state.counters["settle_seconds"] = usage.Wall() - stored;
-  state.counters["cpu_us_per_write"] = usage.Cpu() * kMicro / count;
-  state.counters["mib_on_disk"] = static_cast<double>(BytesOnDisk(directory)) / kMiB;
-  if (BytesWritten()) {
-    state.counters["mib_written"] = static_cast<double>(usage.Written()) / kMiB;
-  }
+  SettleAndReport(state, usage, "write", count, directory, subject);
 }
 
 /// Nothing here waits, so that CPU time counts. The first round, not timed, brings the pages into
@@ -102,32 +88,6 @@ void ReadAll(benchmark::State& state, const std::vector<std::int64_t>& offsets, 
   benchmark::DoNotOptimize(sum);
 }
 
-/// Look-ups for as long as one merge runs beside them, by the wall: they may wait for it.
-void ReadWhileMerging(benchmark::State& state, const std::vector<std::int64_t>& offsets,
-                      const Write& write, const boost::filesystem::path& directory,
-                      RoadTable& table) {
-  const MergeAfter oneRecord(0);
-  const auto tmp = directory / Persistent::TMPDB;
-  table.WriteBatch(&write, &write + 1);
-  while (!boost::filesystem::exists(tmp)) {
-    std::this_thread::yield();
-  }
-  std::size_t finds = 0;
-  std::uint64_t sum = 0;
-  const Usage usage;
-  while (boost::filesystem::exists(tmp)) {
-    for (std::size_t i = 0; i < kLookupsARound; ++i) {
-      table.Find(offsets[finds++ % offsets.size()],
-                 [&](std::int64_t sOff, std::int64_t, std::int64_t, const auto& id) {
-                   sum += static_cast<std::uint64_t>(sOff) + id.dcid;
-                 });
-    }
-  }
-  state.counters["finds_while_merging_per_second"] = static_cast<double>(finds) / usage.Wall();
-  benchmark::DoNotOptimize(sum);
-  table.Settle();
-}
-
 template <typename Subject>
 void Road(benchmark::State& state, Order order, std::size_t count) {
   const std::vector<Write>& writes = WritesFor(order, count);
@@ -139,9 +99,6 @@ void Road(benchmark::State& state, Order order, std::size_t count) {
     Subject subject(directory.path());
     StoreAll(state, order, writes, directory.path(), subject);
     ReadAll(state, offsets, subject);
-    if constexpr (std::is_same_v<Subject, RoadTable>) {
-      ReadWhileMerging(state, offsets, writes.front(), directory.path(), subject);
-    }
     state.SetIterationTime(WallSeconds() - begin);
   }
 }

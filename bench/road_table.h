@@ -1,9 +1,10 @@
 #pragma once
 
-#include <cstddef>
+#include <algorithm>
+#include <cstdint>
+#include <deque>
 #include <set>
 #include <string>
-#include <vector>
 
 #include <boost/filesystem/path.hpp>
 
@@ -15,11 +16,14 @@ namespace zefs_bench {
 struct ReadyNode : zefs::DataCacheNode {
   ObjectID objectID;
 };
+inline const ReadyNode& NodeAt(void* pointer) {
+  return *static_cast<const ReadyNode*>(static_cast<zefs::DataCacheNode*>(pointer));
+}
 
 class ReadyCache final : public zefs::DataCacheManagementInterface {
  public:
   int GetNodeObjectID(void* node, ObjectID* out, bool /*flag*/) override {
-    *out = static_cast<const ReadyNode*>(static_cast<zefs::DataCacheNode*>(node))->objectID;
+    *out = NodeAt(node).objectID;
     return 0;
   }
   int ProtectShare(zefs::DataTransferManagement* /*transfer*/, const std::string& /*shareScope*/,
@@ -35,18 +39,39 @@ class RoadTable : public TableOver<ReadyCache> {
  public:
   using TableOver::TableOver;
 
-  void WriteBatch(const Write* first, const Write* last) {
-    nodes_.resize(static_cast<std::size_t>(last - first));  // the last flush has released them all
-    auto node = nodes_.begin();
-    for (const Write* write = first; write != last; ++write, ++node) {
-      node->objectID = write->objectID;
-      node->dcOffset = 0;  // known: nothing of it is left to track
-      table().insert(write->sOff, write->eOff, nullptr, write->objOff, 0,
-                     static_cast<zefs::DataCacheNode*>(&*node), -1, nullptr);
+  /// A write that waits for the next flush.
+  void Insert(const Write& write) {
+    ReadyNode& node = nodes_.emplace_back();
+    node.objectID = write.objectID;
+    node.dcOffset = 0;  // known: nothing of it is left to track
+    table().insert(write.sOff, write.eOff, nullptr, write.objOff, 0,
+                   static_cast<zefs::DataCacheNode*>(&node), -1, nullptr);
+  }
+  void Flush() {
+    if (nodes_.empty()) {
+      return;
     }
     table().checkAndBackfillObjectID(&released_, true, "", "", nullptr, nullptr);
+    nodes_.clear();  // the flush has released them all
+  }
+
+  void WriteBatch(const Write* first, const Write* last) {
+    std::for_each(first, last, [this](const Write& write) { Insert(write); });
+    Flush();
   }
   void AppendBatch(const Write* first, const Write* last) { WriteBatch(first, last); }
+
+  /// Calls `use` with start, end and object offset and the object id of what is visible of every
+  /// extent that reaches into [start, end), whether it is stored or waits: then its node has the
+  /// id.
+  template <typename Use>
+  void Read(std::int64_t start, std::int64_t end, Use use) const {
+    Table& table = this->table();
+    for (auto it = table.lower_bound(start, nullptr); it != this->end() && it->sOff < end; ++it) {
+      use(it->sOff, it->eOff, it->objOff,
+          it->data == nullptr ? it->objectID : NodeAt(it->data).objectID);
+    }
+  }
 
   /// Waits for a merge that is under way.
   void Settle() { table().checkAndBackfillObjectIDUnlock(true); }
@@ -69,7 +94,7 @@ class RoadTable : public TableOver<ReadyCache> {
   };
 
  private:
-  std::vector<ReadyNode> nodes_;
+  std::deque<ReadyNode> nodes_;  // of the writes since the last flush; none of them moves
   std::set<void*> released_;
 };
 

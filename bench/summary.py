@@ -6,7 +6,7 @@
 Rates are medians over the rounds, in million items a second. The best peer is the one with the
 highest median; ratios to it are taken round by round, and their median and range are given. The
 persistent table has peers of its own for each operation and is set beside each of them. On the road to
-the disk every quantity has its own best peer.
+the disk, and under traces, every quantity has its own best peer.
 """
 
 import json
@@ -28,20 +28,42 @@ PERSISTENT_PEERS = {
 }
 ROAD = "road"
 ROAD_LIVES = ["random", "append"]  # whole lives of a table; the other roads are single operations
+ROAD_LOOKUPS = "lookups"
 ROAD_SUBJECTS = ["table", "lmdb", "leveldb", "rocksdb", "sqlite"]
-MILLION, PLAIN = (1e6, 3), (1, 1)
-ROAD_COLUMNS = [  # counter, heading, divisor and digits, whether more is better
-    ("writes_per_second", "write/s, M", MILLION, True),
-    ("settle_seconds", "then busy, s", (1, 2), False),
-    ("cpu_us_per_write", "CPU µs a write", (1, 2), False),
+TRACE = "trace"
+MILLION, HUNDREDTHS, PLAIN = (1e6, 3), (1, 2), (1, 1)
+# Columns: counter, heading, divisor and digits, whether more is better.
+BUSY = ("settle_seconds", "then busy, s", HUNDREDTHS, False)
+DISK_COLUMNS = [
     ("mib_on_disk", "MiB on disk", PLAIN, False),
     ("mib_written", "MiB written", PLAIN, False),
+]
+ROAD_COLUMNS = [
+    ("writes_per_second", "write/s, M", MILLION, True),
+    BUSY,
+    ("cpu_us_per_write", "CPU µs a write", HUNDREDTHS, False),
+    *DISK_COLUMNS,
     ("finds_per_second", "find/s, M", MILLION, True),
-    ("finds_while_merging_per_second", "find/s while merging, M", MILLION, True),
     ("walk_per_second", "walk/s, M", MILLION, True),
 ]
-COUNTERS = ["items_per_second", "bytes_per_extent", "tree_bytes_per_extent", "cpu_us_per_item"]
-COUNTERS += [counter for counter, *_ in ROAD_COLUMNS]
+TRACE_COLUMNS = [
+    ("requests_per_second", "request/s, M", MILLION, True),
+    ("writes_per_second", "write/s, M", MILLION, True),
+    ("reads_per_second", "read/s, M", MILLION, True),
+    BUSY,
+    ("cpu_us_per_request", "CPU µs a request", HUNDREDTHS, False),
+    *DISK_COLUMNS,
+]
+LOOKUP_COLUMNS = [
+    (f"{phase}_{counter}", f"{words}: {heading}", HUNDREDTHS, False)
+    for phase, words in (("merging", "merging"), ("merged", "after it"))
+    for counter, heading in (("mean_us", "mean µs"), ("p50_us", "p50 µs"), ("p99_us", "p99 µs"),
+                             ("longest_ms", "longest ms"))
+]
+# One value of a whole run, that of a moment or next to nothing: no spread, no ratio.
+SINGLE = {BUSY[0], "merging_longest_ms", "merged_longest_ms"}
+COUNTERS = {"items_per_second", "bytes_per_extent", "tree_bytes_per_extent", "cpu_us_per_item"}
+COUNTERS.update(counter for counter, *_ in ROAD_COLUMNS + TRACE_COLUMNS + LOOKUP_COLUMNS)
 
 
 def rows_of(path):
@@ -148,28 +170,33 @@ def print_persistent(maps):
                   lines)
 
 
-def road_life_lines(subjects):
+def subject_lines(subjects, columns):
     """A line for each subject, and the table's ratio to whichever peer is best at a quantity."""
     for name in ROAD_SUBJECTS:
         if name in subjects:
             cells = [name]
-            for counter, _, (divisor, digits), _ in ROAD_COLUMNS:
+            for counter, _, (divisor, digits), _ in columns:
                 values = subjects[name].get(counter)
                 cells.append(f"{median(values) / divisor:.{digits}f}" if values else "")
-                if values and counter != "settle_seconds":  # mostly next to nothing
+                if values and counter not in SINGLE:
                     cells[-1] += f" ±{spread(values):.0f} %"
             yield cells
     cells = ["table / best peer (range)"]
-    for counter, _, _, more in ROAD_COLUMNS:
+    for counter, _, _, more in columns:
         ours = subjects.get("table", {}).get(counter)
         peers = {name: subjects[name][counter] for name in ROAD_SUBJECTS[1:]
                  if counter in subjects.get(name, {})}
-        if not ours or not peers or counter == "settle_seconds":
+        if not ours or not peers or counter in SINGLE:
             cells.append("")
             continue
         best = (max if more else min)(peers, key=lambda name: median(peers[name]))
         cells.append(f"{best}: {ratio(ours, peers[best])}")
     yield cells
+
+
+def print_subjects(title, subjects, columns):
+    print(f"\n{title}:")
+    table(["subject"] + [heading for _, heading, _, _ in columns], subject_lines(subjects, columns))
 
 
 def road_operation_lines(maps):
@@ -187,12 +214,15 @@ def road_operation_lines(maps):
 
 
 def print_roads(maps):
-    lives = {key: value for key, value in maps.items() if key[1] in ROAD_LIVES}
-    for (_, workload, size), subjects in lives.items():
-        print(f"\nThe road to the disk, {workload}, {int(size):,} writes:")
-        table(["subject"] + [heading for _, heading, _, _ in ROAD_COLUMNS],
-              road_life_lines(subjects))
-    operations = {key: value for key, value in maps.items() if key not in lives}
+    operations = {}
+    for (road, kind, size), subjects in maps.items():
+        if kind in ROAD_LIVES:
+            print_subjects(f"The road to the disk, {kind}, {int(size):,} writes", subjects, ROAD_COLUMNS)
+        elif kind == ROAD_LOOKUPS:
+            print_subjects(f"Look-ups beside a merge of {int(size):,} records, and after it", subjects,
+                           LOOKUP_COLUMNS)
+        else:
+            operations[road, kind, size] = subjects
     if operations:
         print("\nMerges and references, million records a second:")
         table(["operation", "table", "peer", "rate", "table / peer (range)", "table, CPU µs a record",
@@ -203,7 +233,7 @@ def main(paths):
     if not paths:
         sys.exit("bench/summary.py: name the JSON files of the rounds")
     every, floors = collect(paths)
-    maps = {key: value for key, value in every.items() if key[0] not in (PERSISTENT, ROAD)}
+    maps = {key: value for key, value in every.items() if key[0] not in (PERSISTENT, ROAD, TRACE)}
     persistent = {key: value for key, value in every.items() if key[0] == PERSISTENT}
     roads = {key: value for key, value in every.items() if key[0] == ROAD}
     if maps:
@@ -217,6 +247,9 @@ def main(paths):
         print_persistent(persistent)
     if roads:
         print_roads(roads)
+    for (family, name, length), subjects in every.items():
+        if family == TRACE:
+            print_subjects(f"The trace {name}, {length}", subjects, TRACE_COLUMNS)
     if floors:
         print("\nBounds, million items a second:")
         table(["bound", "rate"],

@@ -12,6 +12,7 @@ constexpr std::uint64_t kRandomSeed = 0x7a65667301;
 constexpr std::uint64_t kAppendSeed = 0x7a65667302;
 constexpr std::uint64_t kOffsetSeed = 0x7a65667303;
 constexpr std::uint64_t kShuffleSeed = 0x7a65667304;
+constexpr std::uint64_t kObjectSeed = 0x7a65667305;
 
 constexpr std::uint64_t kFirstContainer = 64;
 constexpr std::uint64_t kObjectsAContainer = 256;
@@ -48,15 +49,21 @@ ObjectID ObjectAt(std::uint64_t number, Containers containers) {
   return oid;
 }
 
+/// Draws object and place in the object.
+void DrawObject(Random& random, std::size_t number, std::uint64_t objects, Containers containers,
+                Write* write) {
+  write->objectID = ObjectAt(random.Below(objects), containers);
+  write->objOff = kBlock * static_cast<std::int64_t>(random.Below(kObjectBlocks));
+  write->objCksum = static_cast<std::int64_t>(number) + 1;
+}
+
 /// The next write at `sOff`. Draws size, object and place in the object.
 Write Draw(Random& random, std::size_t number, std::int64_t sOff, std::uint64_t objects,
            Containers containers) {
   Write write;
   write.sOff = sOff;
   write.eOff = sOff + kBlock * static_cast<std::int64_t>(1 + random.Below(kLargestBlocks));
-  write.objectID = ObjectAt(random.Below(objects), containers);
-  write.objOff = kBlock * static_cast<std::int64_t>(random.Below(kObjectBlocks));
-  write.objCksum = static_cast<std::int64_t>(number) + 1;
+  DrawObject(random, number, objects, containers, &write);
   return write;
 }
 
@@ -85,6 +92,13 @@ std::vector<Write> AppendWrites(std::size_t count, Containers containers) {
     end = writes.back().eOff;
   }
   return writes;
+}
+
+void DrawObjects(std::vector<Write>* writes) {
+  Random random(kObjectSeed);
+  for (std::size_t i = 0; i < writes->size(); ++i) {
+    DrawObject(random, i, kObjects, Containers::kReal, &(*writes)[i]);
+  }
 }
 
 void Shuffle(std::vector<Write>* writes) {

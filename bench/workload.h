@@ -43,6 +43,9 @@ std::vector<Write> RandomWrites(std::size_t count, Containers containers,
 /// `count` writes of the same sizes and objects, one behind the other from offset 0.
 std::vector<Write> AppendWrites(std::size_t count, Containers containers);
 
+/// Gives each write, whatever its range, an object and a place in it as those of RandomWrites have.
+void DrawObjects(std::vector<Write>* writes);
+
 /// Brings writes into a random order, the same for all sequences of one length.
 void Shuffle(std::vector<Write>* writes);
 

@@ -56,7 +56,17 @@ class StdMapCache {
     }
   }
 
+  /// The same for every extent that reaches into [start, end).
+  template <typename Use>
+  void Read(std::int64_t start, std::int64_t end, Use use) const {
+    for (auto it = map_.upper_bound(start);
+         it != map_.end() && RecordIn(it->second).startOffset < end; ++it) {
+      UseExtent(it, use);
+    }
+  }
+
   std::size_t size() const { return map_.size(); }
+  void clear() { map_.clear(); }
 
  private:
   using Map = std::map<std::int64_t, Value>;

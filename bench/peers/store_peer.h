@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <optional>
 
 #include <boost/filesystem/path.hpp>
 
@@ -29,15 +31,15 @@ class StorePeer {
  public:
   explicit StorePeer(const boost::filesystem::path& directory) : store_(directory) {}
 
-  /// Any writes, later ones over earlier ones, as one durable batch.
-  void WriteBatch(const Write* first, const Write* last) {
-    StdMapCache<Record> batch;
-    for (const Write* write = first; write != last; ++write) {
-      batch.Insert(*write, nullptr);
-    }
+  /// Any write, over all earlier ones. It waits in memory for the next flush.
+  void Insert(const Write& write) { batch_.Insert(write, nullptr); }
+
+  /// Stores what waits as one durable batch.
+  void Flush() {
+    reader_.reset();
     store_.Begin();
     Old old;
-    batch.Walk([&](std::int64_t sOff, std::int64_t eOff, std::int64_t, const Record& record) {
+    batch_.Walk([&](std::int64_t sOff, std::int64_t eOff, std::int64_t, const Record& record) {
       if (!old.searched || (old.there && old.extent.eOff <= sOff)) {
         PutBack(old);
         old.searched = true;
@@ -49,6 +51,28 @@ class StorePeer {
     });
     PutBack(old);
     store_.Commit();
+    batch_.clear();
+  }
+
+  void WriteBatch(const Write* first, const Write* last) {
+    std::for_each(first, last, [this](const Write& write) { Insert(write); });
+    Flush();
+  }
+
+  /// Calls `use` with start, end and object offset and the record of what is visible of every
+  /// extent that reaches into [start, end), whether it is stored or waits.
+  template <typename Use>
+  void Read(std::int64_t start, std::int64_t end, Use use) {
+    Place place;
+    std::int64_t at = start;
+    batch_.Read(
+        start, end,
+        [&](std::int64_t sOff, std::int64_t eOff, std::int64_t objOff, const Record& record) {
+          ReadStored(at, sOff, &place, use);
+          use(sOff, eOff, objOff, record);
+          at = eOff;
+        });
+    ReadStored(at, end, &place, use);
   }
 
   /// Writes that lie in order behind all before them, as one durable batch. The peer is told, and
@@ -61,7 +85,10 @@ class StorePeer {
     store_.Commit();
   }
 
-  void Settle() { store_.Settle(); }
+  void Settle() {
+    reader_.reset();
+    store_.Settle();
+  }
 
   /// A reader that stays open for many look-ups, or for a walk.
   class View {
@@ -106,6 +133,40 @@ class StorePeer {
     StoredExtent extent;
   };
 
+  /// Where a read has come to in the store.
+  struct Place {
+    bool searched = false;
+    bool there = false;
+    StoredExtent extent;
+  };
+
+  /// What is stored in [from, to), where nothing waits. Searches once a read and steps from there.
+  template <typename Use>
+  void ReadStored(std::int64_t from, std::int64_t to, Place* place, Use& use) {
+    if (from >= to) {
+      return;
+    }
+    if (!place->searched) {
+      if (!reader_.has_value()) {
+        reader_.emplace(store_);
+      }
+      place->searched = true;
+      place->there = reader_->Seek(from, &place->extent);
+    }
+    const StoredExtent& extent = place->extent;
+    while (place->there && extent.record.startOffset < to) {
+      if (extent.eOff > from) {
+        const std::int64_t sOff = std::max(std::int64_t{extent.record.startOffset}, from);
+        use(sOff, std::min(extent.eOff, to),
+            extent.record.objectOffset + (sOff - extent.record.startOffset), extent.record);
+      }
+      if (extent.eOff > to) {
+        return;  // it may show again behind what hides it
+      }
+      place->there = reader_->Next(&place->extent);
+    }
+  }
+
   void PutBack(const Old& old) {
     if (old.there && old.cut) {
       store_.Put(old.extent);
@@ -132,6 +193,8 @@ class StorePeer {
   }
 
   Store store_;
+  StdMapCache<Record> batch_;
+  std::optional<typename Store::Reader> reader_;  // of reads since the last flush
 };
 
 }  // namespace zefs_bench
