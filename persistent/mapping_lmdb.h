@@ -427,7 +427,8 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   static void* MergeThreadMain(void* table);
   /// One whole merge: opens the tmp database for the flushes, writes the union of the small and the
   /// full database, and puts it in the place of both. 0 or a code; throws if it could not begin.
-  /// Takes tableLock_ exclusively for its first and its last phase.
+  /// Takes tableLock_ exclusively for its first and its last phase, and frees the replaced files
+  /// after that.
   int MergeAndSwitch();
   class MergeDb;
   /// First phase. False if another merge is under way.
