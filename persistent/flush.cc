@@ -326,8 +326,8 @@ bool CMappingLMDB::PutSpecialItems(const Transaction& transaction, long maxEnd) 
 
 // --- one extent into a database ----------------------------------------------------------------
 
-int CMappingLMDB::insert2DB(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cursor, long sOff,
-                            long eOff, const ObjectID* oid, long objOff, int dcOffset) {
+int CMappingLMDB::insert2DB(const LMDBContext& /*db*/, MDB_txn* /*txn*/, MDB_cursor* cursor,
+                            long sOff, long eOff, const ObjectID* oid, long objOff, int dcOffset) {
   ZEFS_MEASURE_CPU(mapping_lmdb_cpu_counters);
   const ObjectID none;
   const ObjectID& id = oid == nullptr ? none : *oid;
@@ -349,7 +349,7 @@ int CMappingLMDB::insert2DB(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cur
                Printed(record.startOffset), Printed(end), Printed(sOff), Printed(eOff));
       break;
     }
-    ret = CutStored(db, txn, cursor, record, end, extent, dcOffset);
+    ret = CutStored(cursor, record, end, extent, dcOffset);
     if (ret != 0) {
       return ret;
     }
@@ -368,7 +368,7 @@ int CMappingLMDB::insert2DB(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cur
 
   ExtLMDBEntry entry{};
   entry.FillExtLMDBEntry(sOff, oid, objOff, dcOffset);
-  ret = PutRecord(db, txn, eOff, entry, eOff);
+  ret = PutRecord(cursor, eOff, entry, eOff);
   if (ret != 0) {
     return ret;
   }
@@ -379,9 +379,8 @@ int CMappingLMDB::insert2DB(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cur
   return TrackDcOffset(sOff, extent, dcOffset, eOff);
 }
 
-int CMappingLMDB::CutStored(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cursor,
-                            const ExtLMDBEntry& record, long end, const Extent& extent,
-                            int dcOffset) {
+int CMappingLMDB::CutStored(MDB_cursor* cursor, const ExtLMDBEntry& record, long end,
+                            const Extent& extent, int dcOffset) {
   int ret = mdb_cursor_del(cursor, 0);
   if (ret != 0) {
     ZEFS_LOG(kLogFailure, "Failed to delete entry %lld", Printed(end));
@@ -394,7 +393,7 @@ int CMappingLMDB::CutStored(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cur
   // The pieces are tracked under the incoming extent's object and offset: the host asks about what
   // was written, and finds the pieces by their start.
   if (extent.end < end) {
-    ret = PutRecord(db, txn, end, PieceFrom(record, extent.end), end);
+    ret = PutRecord(cursor, end, PieceFrom(record, extent.end), end);
     if (ret == 0) {
       ret = TrackDcOffset(extent.end, extent, dcOffset, extent.end);
     }
@@ -403,7 +402,7 @@ int CMappingLMDB::CutStored(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cur
     }
   }
   if (record.startOffset < extent.start) {
-    ret = PutRecord(db, txn, extent.start, PieceFrom(record, record.startOffset), end);
+    ret = PutRecord(cursor, extent.start, PieceFrom(record, record.startOffset), end);
     if (ret == 0) {
       ret = TrackDcOffset(record.startOffset, extent, dcOffset, record.startOffset);
     }
@@ -411,12 +410,11 @@ int CMappingLMDB::CutStored(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cur
   return ret;
 }
 
-int CMappingLMDB::PutRecord(const LMDBContext& db, MDB_txn* txn, long end, ExtLMDBEntry entry,
-                            long named) {
+int CMappingLMDB::PutRecord(MDB_cursor* cursor, long end, ExtLMDBEntry entry, long named) {
   RecordKey recordKey(end);
   MDB_val key = recordKey.Val();
   MDB_val value = RecordVal(entry);
-  const int ret = mdb_put(txn, db.dbi, &key, &value, 0);
+  const int ret = mdb_cursor_put(cursor, &key, &value, 0);
   if (ret != 0) {
     ZEFS_LOG(kLogFailure, "Failed to add new entry %lld, ret:%d", Printed(named), ret);
   }

@@ -403,11 +403,10 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
                 const ObjectID* oid, long objOff, int dcOffset);
   /// Cuts the record under the cursor, [record.startOffset, end), down to what lies outside
   /// `extent`.
-  int CutStored(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cursor, const ExtLMDBEntry& record,
-                long end, const Extent& extent, int dcOffset);
+  int CutStored(MDB_cursor* cursor, const ExtLMDBEntry& record, long end, const Extent& extent,
+                int dcOffset);
   // The log calls what fails in these two by the offset `named`.
-  static int PutRecord(const LMDBContext& db, MDB_txn* txn, long end, ExtLMDBEntry entry,
-                       long named);
+  static int PutRecord(MDB_cursor* cursor, long end, ExtLMDBEntry entry, long named);
   int TrackDcOffset(long start, const Extent& extent, int dcOffset, long named);
   /// Adds a journal record of `extent` to a table that has a journal, starting it if need be.
   int WriteJournal(const Extent& extent, op_t op);
