@@ -263,9 +263,12 @@ int CMappingLMDB::UpdateObjectID(const ReadyExtents& ids, const LMDBContext& db)
   stored.reserve(ids.size());
   long maxEnd = 0;
   bool failed = false;
+  auto cached = extCache_.begin();  // in step with `ids`: both go by end offset
   for (const auto& [key, value] : ids) {
-    const auto cached = extCache_.find(key);
-    if (cached == extCache_.end()) {
+    if (cached != extCache_.end() && cached->first < key) {
+      cached = extCache_.lower_bound(key);
+    }
+    if (cached == extCache_.end() || cached->first != key) {
       ZEFS_LOG(kLogRecoverable, "fail to get in memory cache extent key %lld", Printed(key));
       continue;
     }
@@ -274,7 +277,7 @@ int CMappingLMDB::UpdateObjectID(const ReadyExtents& ids, const LMDBContext& db)
       failed = true;
       break;
     }
-    stored.push_back(cached);
+    stored.push_back(cached++);
     maxEnd = std::max(maxEnd, key);
   }
   transaction.CloseCursor();
@@ -284,9 +287,15 @@ int CMappingLMDB::UpdateObjectID(const ReadyExtents& ids, const LMDBContext& db)
   }
   // The cache lets go before the commit: whoever holds rwLock_ afterwards finds the extents in one
   // place only.
-  for (const auto& cached : stored) {
-    ZEFS_LOG(kLogTrace, "remove key from in memory cache key %lld", Printed(cached->first));
-    extCache_.erase(cached);
+  const bool all = stored.size() == extCache_.size();
+  for (const auto& gone : stored) {
+    ZEFS_LOG(kLogTrace, "remove key from in memory cache key %lld", Printed(gone->first));
+    if (!all) {
+      extCache_.erase(gone);
+    }
+  }
+  if (all) {
+    extCache_.clear();  // without keeping the tree balanced meanwhile
   }
   const int ret = transaction.CommitLogged();
   if (ret != 0) {
