@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <climits>
 #include <ctime>
+#include <memory_resource>
+#include <unordered_set>
 
 #include "host/config.h"
 #include "host/zefs_log.h"
@@ -24,6 +26,9 @@ namespace {
 
 /// A cached extent below this has no object id yet.
 constexpr std::uint64_t kFirstValidDcid = 63;
+
+/// What a set of keys takes for each of them, bucket and element.
+constexpr std::size_t kSeenBytes = 32;
 
 long long Printed(std::int64_t offset) {
   return static_cast<long long>(offset);
@@ -146,7 +151,10 @@ void CMappingLMDB::ScanReadyNodes() {
 }
 
 void CMappingLMDB::CollectReadyExtents(ReadyExtents* ids, std::set<void*>* released, bool force) {
-  std::unordered_set<long> seen;
+  const auto most = static_cast<std::size_t>(force ? objListCount_ : objListScanned_) + 1;
+  std::pmr::monotonic_buffer_resource block(most * kSeenBytes);
+  std::pmr::unordered_set<long> seen(&block);
+  seen.reserve(most);
   auto at = objList_.begin();
   while (at != objListCursor_) {
     const long key = *at;
