@@ -1,7 +1,10 @@
 #include <cstdint>
+#include <fcntl.h>
 #include <fstream>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -25,6 +28,17 @@ namespace {
 using zefs::test::TempDir;
 using Persistent = RoadTable::Persistent;
 
+/// What a merge finds: databases that have been on the disk for long.
+void WriteStored(const boost::filesystem::path& directory, const Layers& layers) {
+  WriteDatabases(directory, layers);
+  for (const char* name : {Persistent::FULLDB, Persistent::LSML0DB}) {
+    const int descriptor = ::open((directory / name).c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor == -1 || ::fsync(descriptor) != 0 || ::close(descriptor) != 0) {
+      throw std::runtime_error("a database cannot be synced");
+    }
+  }
+}
+
 /// A merge from the flush that starts it to its end.
 void MergeNow(RoadTable& table, const Layers& layers) {
   StartMerge(table, layers);
@@ -36,19 +50,32 @@ void MergeByTable(benchmark::State& state, bool withBloom) {
   const Layers layers = MergedLayers();
   for (auto _ : state) {
     const TempDir directory;
-    WriteDatabases(directory.path(), layers);
+    WriteStored(directory.path(), layers);
     RoadTable table(directory.path());
     TimeByWall(state, RecordsOf(layers), [&] { MergeNow(table, layers); });
   }
 }
 
+/// Puts the file of a merged database in the place of the full and the small one, as a merge of the
+/// table does. Nothing may have any of them open. Freeing the old files takes the file system a
+/// time that grows with their size.
+void ReplaceBy(const boost::filesystem::path& merged, const boost::filesystem::path& directory) {
+  boost::filesystem::rename(merged, directory / Persistent::FULLDB);
+  boost::filesystem::remove(directory / Persistent::LSML0DB);
+}
+
+/// Cursors side by side into a third database, with as many records a synced transaction.
 void MergeByBareCursors(benchmark::State& state) {
   const Layers layers = MergedLayers();
   for (auto _ : state) {
     const TempDir directory;
-    WriteDatabases(directory.path(), layers);
-    LmdbMergePeer source(directory.path());
-    TimeByWall(state, RecordsOf(layers), [&] { MergeByCursors(source, directory.path()); });
+    WriteStored(directory.path(), layers);
+    auto source = std::make_unique<LmdbMergePeer>(directory.path());
+    TimeByWall(state, RecordsOf(layers), [&] {
+      MergeByCursors(*source, directory.path());
+      source.reset();
+      ReplaceBy(LmdbStore::FileIn(directory.path()), directory.path());
+    });
   }
 }
 
@@ -58,11 +85,14 @@ void CopyCompactly(benchmark::State& state) {
   const Layers layers = Alternating(RecordsOf(MergedLayers()), 1);
   for (auto _ : state) {
     const TempDir directory;
-    const auto file = directory / Persistent::FULLDB;
-    WriteDatabase(file, layers.full);
-    const LmdbDatabase database(file.string());
-    TimeByWall(state, layers.full.size(),
-               [&] { database.CopyCompactly((directory / "copy.mdb").string()); });
+    WriteStored(directory.path(), layers);
+    const auto copy = directory / "copy.mdb";
+    auto database = std::make_unique<LmdbDatabase>((directory / Persistent::FULLDB).string());
+    TimeByWall(state, layers.full.size(), [&] {
+      database->CopyCompactly(copy.string());
+      database.reset();
+      ReplaceBy(copy, directory.path());
+    });
   }
 }
 

@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <climits>
 #include <ctime>
+#include <memory_resource>
+#include <unordered_set>
 
 #include "host/config.h"
 #include "host/zefs_log.h"
@@ -24,6 +26,9 @@ namespace {
 
 /// A cached extent below this has no object id yet.
 constexpr std::uint64_t kFirstValidDcid = 63;
+
+/// What a set of keys takes for each of them, bucket and element.
+constexpr std::size_t kSeenBytes = 32;
 
 long long Printed(std::int64_t offset) {
   return static_cast<long long>(offset);
@@ -146,7 +151,10 @@ void CMappingLMDB::ScanReadyNodes() {
 }
 
 void CMappingLMDB::CollectReadyExtents(ReadyExtents* ids, std::set<void*>* released, bool force) {
-  std::unordered_set<long> seen;
+  const auto most = static_cast<std::size_t>(force ? objListCount_ : objListScanned_) + 1;
+  std::pmr::monotonic_buffer_resource block(most * kSeenBytes);
+  std::pmr::unordered_set<long> seen(&block);
+  seen.reserve(most);
   auto at = objList_.begin();
   while (at != objListCursor_) {
     const long key = *at;
@@ -263,9 +271,12 @@ int CMappingLMDB::UpdateObjectID(const ReadyExtents& ids, const LMDBContext& db)
   stored.reserve(ids.size());
   long maxEnd = 0;
   bool failed = false;
+  auto cached = extCache_.begin();  // in step with `ids`: both go by end offset
   for (const auto& [key, value] : ids) {
-    const auto cached = extCache_.find(key);
-    if (cached == extCache_.end()) {
+    if (cached != extCache_.end() && cached->first < key) {
+      cached = extCache_.lower_bound(key);
+    }
+    if (cached == extCache_.end() || cached->first != key) {
       ZEFS_LOG(kLogRecoverable, "fail to get in memory cache extent key %lld", Printed(key));
       continue;
     }
@@ -274,7 +285,7 @@ int CMappingLMDB::UpdateObjectID(const ReadyExtents& ids, const LMDBContext& db)
       failed = true;
       break;
     }
-    stored.push_back(cached);
+    stored.push_back(cached++);
     maxEnd = std::max(maxEnd, key);
   }
   transaction.CloseCursor();
@@ -284,9 +295,15 @@ int CMappingLMDB::UpdateObjectID(const ReadyExtents& ids, const LMDBContext& db)
   }
   // The cache lets go before the commit: whoever holds rwLock_ afterwards finds the extents in one
   // place only.
-  for (const auto& cached : stored) {
-    ZEFS_LOG(kLogTrace, "remove key from in memory cache key %lld", Printed(cached->first));
-    extCache_.erase(cached);
+  const bool all = stored.size() == extCache_.size();
+  for (const auto& gone : stored) {
+    ZEFS_LOG(kLogTrace, "remove key from in memory cache key %lld", Printed(gone->first));
+    if (!all) {
+      extCache_.erase(gone);
+    }
+  }
+  if (all) {
+    extCache_.clear();  // without keeping the tree balanced meanwhile
   }
   const int ret = transaction.CommitLogged();
   if (ret != 0) {
@@ -326,8 +343,8 @@ bool CMappingLMDB::PutSpecialItems(const Transaction& transaction, long maxEnd) 
 
 // --- one extent into a database ----------------------------------------------------------------
 
-int CMappingLMDB::insert2DB(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cursor, long sOff,
-                            long eOff, const ObjectID* oid, long objOff, int dcOffset) {
+int CMappingLMDB::insert2DB(const LMDBContext& /*db*/, MDB_txn* /*txn*/, MDB_cursor* cursor,
+                            long sOff, long eOff, const ObjectID* oid, long objOff, int dcOffset) {
   ZEFS_MEASURE_CPU(mapping_lmdb_cpu_counters);
   const ObjectID none;
   const ObjectID& id = oid == nullptr ? none : *oid;
@@ -349,7 +366,7 @@ int CMappingLMDB::insert2DB(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cur
                Printed(record.startOffset), Printed(end), Printed(sOff), Printed(eOff));
       break;
     }
-    ret = CutStored(db, txn, cursor, record, end, extent, dcOffset);
+    ret = CutStored(cursor, record, end, extent, dcOffset);
     if (ret != 0) {
       return ret;
     }
@@ -368,7 +385,7 @@ int CMappingLMDB::insert2DB(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cur
 
   ExtLMDBEntry entry{};
   entry.FillExtLMDBEntry(sOff, oid, objOff, dcOffset);
-  ret = PutRecord(db, txn, eOff, entry, eOff);
+  ret = PutRecord(cursor, eOff, entry, eOff);
   if (ret != 0) {
     return ret;
   }
@@ -379,9 +396,8 @@ int CMappingLMDB::insert2DB(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cur
   return TrackDcOffset(sOff, extent, dcOffset, eOff);
 }
 
-int CMappingLMDB::CutStored(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cursor,
-                            const ExtLMDBEntry& record, long end, const Extent& extent,
-                            int dcOffset) {
+int CMappingLMDB::CutStored(MDB_cursor* cursor, const ExtLMDBEntry& record, long end,
+                            const Extent& extent, int dcOffset) {
   int ret = mdb_cursor_del(cursor, 0);
   if (ret != 0) {
     ZEFS_LOG(kLogFailure, "Failed to delete entry %lld", Printed(end));
@@ -394,7 +410,7 @@ int CMappingLMDB::CutStored(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cur
   // The pieces are tracked under the incoming extent's object and offset: the host asks about what
   // was written, and finds the pieces by their start.
   if (extent.end < end) {
-    ret = PutRecord(db, txn, end, PieceFrom(record, extent.end), end);
+    ret = PutRecord(cursor, end, PieceFrom(record, extent.end), end);
     if (ret == 0) {
       ret = TrackDcOffset(extent.end, extent, dcOffset, extent.end);
     }
@@ -403,7 +419,7 @@ int CMappingLMDB::CutStored(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cur
     }
   }
   if (record.startOffset < extent.start) {
-    ret = PutRecord(db, txn, extent.start, PieceFrom(record, record.startOffset), end);
+    ret = PutRecord(cursor, extent.start, PieceFrom(record, record.startOffset), end);
     if (ret == 0) {
       ret = TrackDcOffset(record.startOffset, extent, dcOffset, record.startOffset);
     }
@@ -411,12 +427,11 @@ int CMappingLMDB::CutStored(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cur
   return ret;
 }
 
-int CMappingLMDB::PutRecord(const LMDBContext& db, MDB_txn* txn, long end, ExtLMDBEntry entry,
-                            long named) {
+int CMappingLMDB::PutRecord(MDB_cursor* cursor, long end, ExtLMDBEntry entry, long named) {
   RecordKey recordKey(end);
   MDB_val key = recordKey.Val();
   MDB_val value = RecordVal(entry);
-  const int ret = mdb_put(txn, db.dbi, &key, &value, 0);
+  const int ret = mdb_cursor_put(cursor, &key, &value, 0);
   if (ret != 0) {
     ZEFS_LOG(kLogFailure, "Failed to add new entry %lld, ret:%d", Printed(named), ret);
   }

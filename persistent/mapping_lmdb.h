@@ -488,11 +488,10 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
                 const ObjectID* oid, long objOff, int dcOffset);
   /// Cuts the record under the cursor, [record.startOffset, end), down to what lies outside
   /// `extent`.
-  int CutStored(const LMDBContext& db, MDB_txn* txn, MDB_cursor* cursor, const ExtLMDBEntry& record,
-                long end, const Extent& extent, int dcOffset);
+  int CutStored(MDB_cursor* cursor, const ExtLMDBEntry& record, long end, const Extent& extent,
+                int dcOffset);
   // The log calls what fails in these two by the offset `named`.
-  static int PutRecord(const LMDBContext& db, MDB_txn* txn, long end, ExtLMDBEntry entry,
-                       long named);
+  static int PutRecord(MDB_cursor* cursor, long end, ExtLMDBEntry entry, long named);
   int TrackDcOffset(long start, const Extent& extent, int dcOffset, long named);
   /// Adds a journal record of `extent` to a table that has a journal, starting it if need be.
   int WriteJournal(const Extent& extent, op_t op);
@@ -512,7 +511,8 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   static void* MergeThreadMain(void* table);
   /// One whole merge: opens the tmp database for the flushes, writes the union of the small and the
   /// full database, and puts it in the place of both. 0 or a code; throws if it could not begin.
-  /// Takes tableLock_ exclusively for its first and its last phase.
+  /// Takes tableLock_ exclusively for its first and its last phase, and frees the replaced files
+  /// after that.
   int MergeAndSwitch();
   class MergeDb;
   /// First phase. False if another merge is under way.

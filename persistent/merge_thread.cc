@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
@@ -95,6 +96,29 @@ class CMappingLMDB::MergeDb {
   LMDBContext context_;
 };
 
+namespace {
+
+/// Keeps the file of a database that is about to be replaced until nobody waits any more. A file
+/// system frees a file with the last reference to it, which takes the longer the larger it is: not
+/// under a lock. Where the file cannot be opened it is freed at once.
+class ReplacedFile {
+ public:
+  explicit ReplacedFile(const std::string& path)
+      : descriptor_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+  ~ReplacedFile() {
+    if (descriptor_ != -1) {
+      ::close(descriptor_);
+    }
+  }
+  ReplacedFile(const ReplacedFile&) = delete;
+  ReplacedFile& operator=(const ReplacedFile&) = delete;
+
+ private:
+  int descriptor_;
+};
+
+}  // namespace
+
 int CMappingLMDB::MergeAndSwitch() {
   if (!BeginMerge()) {
     return 0;
@@ -108,6 +132,8 @@ int CMappingLMDB::MergeAndSwitch() {
     result = MergeDBs(fullDb_, smallDb_, *merged.context(), withBloom);
     if (result == 0) {
       ZEFS_LOG(kLogTrace, "merge is done, begin to switch db");
+      const ReplacedFile full(PathOf(FULLDB));
+      const ReplacedFile small(PathOf(LSML0DB));
       const UniqueLock lock(tableLock_);  // no reader is left in a database
       SwitchDbs(&merged, withBloom, &result);
     }

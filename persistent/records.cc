@@ -77,7 +77,11 @@ std::int64_t ReadKey(const MDB_val& key) {
 
 ExtLMDBEntry ReadRecord(const MDB_val& value) {
   ExtLMDBEntry entry{};
-  std::memcpy(&entry, value.mv_data, std::min(value.mv_size, sizeof(entry)));
+  if (value.mv_size >= sizeof(entry)) {
+    std::memcpy(&entry, value.mv_data, sizeof(entry));  // of a fixed size: a few moves
+  } else {
+    std::memcpy(&entry, value.mv_data, value.mv_size);
+  }
   return entry;
 }
 

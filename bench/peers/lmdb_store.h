@@ -14,7 +14,11 @@ namespace zefs_bench {
 class LmdbStore {
  public:
   explicit LmdbStore(const boost::filesystem::path& directory)
-      : database_((directory / "extents.mdb").string(), MDB_CREATE, LmdbDatabase::kSynced) {}
+      : database_(FileIn(directory).string(), MDB_CREATE, LmdbDatabase::kSynced) {}
+
+  static boost::filesystem::path FileIn(const boost::filesystem::path& directory) {
+    return directory / "extents.mdb";
+  }
 
   void Begin() {
     txn_ = database_.Begin(0);

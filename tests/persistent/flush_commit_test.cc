@@ -274,7 +274,7 @@ TEST_F(FlushCommitTest, TheTableLockIsHeldSharedAroundTheTransactionAndTheCount)
   aborts.AtNext(look);  // and so does a transaction that fails
   {
     const WatchCalls watch(dir_.path().string());
-    Faults::FailNth(Call::kMdbPut, 1, MDB_MAP_FULL);
+    Faults::FailNth(Call::kMdbCursorPut, 1, MDB_MAP_FULL);
     EXPECT_EQ(-1, CodeOf([&] { Flush(); }));
   }
   EXPECT_THAT(locks, ElementsAre(Held::kNot, Held::kShared, Held::kNot, Held::kShared));

@@ -145,7 +145,8 @@ TEST_F(FlushFaultTest, AForcedFlushOfAGenericTableAtEachOfItsCalls) {
                      {Call::kMdbCursorOpen, "cursor_open", "TC"},
                      {Call::kMdbCursorGet, "cursor_get", "AAAAA"},
                      {Call::kMdbCursorDel, "cursor_del", "AA"},
-                     {Call::kMdbPut, "put", "AAAAAAAAAA"},
+                     {Call::kMdbCursorPut, "cursor_put", "AAAAAAA"},
+                     {Call::kMdbPut, "put", "AAA"},
                      {Call::kMdbTxnCommit, "txn_commit", "L"},
                      {Call::kMdbStat, "stat", "S"},
                      {Call::kMdbGet, "get", ""},
@@ -166,7 +167,8 @@ TEST_F(FlushFaultTest, AForcedFlushOfATableWithoutAJournalAtEachOfItsCalls) {
                      {Call::kMdbCursorOpen, "cursor_open", "TC"},
                      {Call::kMdbCursorGet, "cursor_get", "AAAAA"},
                      {Call::kMdbCursorDel, "cursor_del", "AA"},
-                     {Call::kMdbPut, "put", "AAAAAAAAAA"},
+                     {Call::kMdbCursorPut, "cursor_put", "AAAAAAA"},
+                     {Call::kMdbPut, "put", "AAA"},
                      {Call::kMdbTxnCommit, "txn_commit", "L"},
                      {Call::kMdbStat, "stat", "S"},
                      {Call::kOpen, "open", "A"},
@@ -226,7 +228,7 @@ TEST_F(FlushFailureTest, ADatabaseThatIsClosedIsToldByCodeZero) {
 }
 
 TEST_F(FlushFailureTest, AnExtentThatCannotBeStored) {
-  EXPECT_EQ(-1, CodeOfFailed(Call::kMdbPut, 3, MDB_MAP_FULL));
+  EXPECT_EQ(-1, CodeOfFailed(Call::kMdbCursorPut, 3, MDB_MAP_FULL));
   EXPECT_THAT(Failures(), ElementsAre("8 Failed to add new entry 20, ret:-30792",
                                       "8 Failed to update extent map, return value is -1",
                                       "8 fail to update object id, ret -1"));
@@ -241,7 +243,7 @@ TEST_F(FlushFailureTest, EachSpecialItemThatCannotBeStored) {
       "0 update table commit counter 1, ret:-4711",
   };
   for (int item = 0; item < 3; ++item) {
-    EXPECT_EQ(-1, CodeOfFailed(Call::kMdbPut, 8 + item));
+    EXPECT_EQ(-1, CodeOfFailed(Call::kMdbPut, 1 + item));
     EXPECT_THAT(lines_, Contains(toldAt0[static_cast<std::size_t>(item)]));
     EXPECT_THAT(Failures(), ElementsAre("8 Failed to update extent map, return value is -1",
                                         "8 fail to update object id, ret -1"));
@@ -295,7 +297,7 @@ TEST_F(FlushFailureTest, JournalRecordsOfAFailedFlushStayAndGoOutWithTheNext) {
   Prepare("GENERIC");
   {
     const WatchCalls watch(dir_.path().string());
-    Faults::FailNth(Call::kMdbPut, 3, MDB_MAP_FULL);  // the first extent itself
+    Faults::FailNth(Call::kMdbCursorPut, 3, MDB_MAP_FULL);  // the first extent itself
     Set(&Config::objIdReadyThreshold, 0U);
     EXPECT_EQ(-1, CodeOf([&] { Flush(); }));
   }

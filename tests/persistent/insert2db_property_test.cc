@@ -6,6 +6,7 @@
 #include <iostream>
 #include <map>
 #include <optional>
+#include <random>
 #include <rapidcheck.h>
 #include <string>
 #include <tuple>
@@ -53,6 +54,8 @@ PlainRecord RecordOf(const Given& given) {
 /// one if it is not all of it.
 class ByteModel {
  public:
+  explicit ByteModel(long domain) : owner_(static_cast<std::size_t>(domain)) {}
+
   void Store(const Given& given) {
     extents_.push_back(given);
     for (long at = given.start; at < given.end; ++at) {
@@ -61,11 +64,12 @@ class ByteModel {
   }
 
   Records Expected() const {
+    const auto domain = static_cast<long>(owner_.size());
     Records records;
-    for (long at = 0; at < kDomain;) {
+    for (long at = 0; at < domain;) {
       const std::size_t owner = owner_[static_cast<std::size_t>(at)];
       long end = at + 1;
-      while (end < kDomain && owner_[static_cast<std::size_t>(end)] == owner) {
+      while (end < domain && owner_[static_cast<std::size_t>(end)] == owner) {
         ++end;
       }
       if (owner != 0) {
@@ -97,7 +101,7 @@ class ByteModel {
   }
 
   std::vector<Given> extents_;
-  std::vector<std::size_t> owner_ = std::vector<std::size_t>(kDomain);  ///< 0: none
+  std::vector<std::size_t> owner_;  ///< of each byte; 0: none
 };
 
 rc::Gen<std::uint32_t> AnyOffset() {
@@ -151,8 +155,8 @@ rc::Gen<std::vector<Given>> AnyWrites() {
 
 class Insert2DBPropertyTest : public FlushTest {
  protected:
-  void SetUp() override {
-    LoadOver({}, "GENERIC");
+  void LoadUnsynced(const std::string& type) {
+    LoadOver({}, type);
     ::mdb_env_set_flags(peer().smallDb().env, MDB_NOSYNC, 1);
   }
 
@@ -166,6 +170,13 @@ class Insert2DBPropertyTest : public FlushTest {
       MDB_val value{record.value.size(), record.value.data()};
       RC_ASSERT(::mdb_put(transaction.txn(), db.dbi, &key, &value, 0) == 0);
     }
+  }
+
+  void Store(const Transaction& transaction, const Given& given) {
+    const ObjectID oid = OidOf(given);
+    RC_ASSERT(peer().insert2DB(peer().smallDb(), transaction.txn(), transaction.cursor(),
+                               given.start, given.end, &oid, given.objOff,
+                               static_cast<int>(given.number)) == 0);
   }
 
   /// The journal that the writes leave: for each a DEL for every record it overlaps, then an ADD.
@@ -188,6 +199,7 @@ class Insert2DBPropertyTest : public FlushTest {
 };
 
 TEST_F(Insert2DBPropertyTest, EveryByteIsWhatWasStoredThereLast) {
+  LoadUnsynced("GENERIC");
   long cuts = 0;
   ExpectToHold("insert2DB against a model of bytes", kCases, [&] {
     const auto records = *AnyDisjoint();
@@ -198,7 +210,7 @@ TEST_F(Insert2DBPropertyTest, EveryByteIsWhatWasStoredThereLast) {
     ASSERT_EQ(0, peer().journal()->Start());
 
     const LMDBContext& db = peer().smallDb();
-    ByteModel model;
+    ByteModel model(kDomain);
     for (const Given& given : records) {
       model.Store(given);
     }
@@ -207,11 +219,8 @@ TEST_F(Insert2DBPropertyTest, EveryByteIsWhatWasStoredThereLast) {
       Transaction transaction(db, Transaction::kWrite, "");
       Refill(transaction, db, records);
       for (const Given& given : writes) {
-        const ObjectID oid = OidOf(given);
         AddToJournal(model, given, &journal);
-        RC_ASSERT(peer().insert2DB(db, transaction.txn(), transaction.cursor(), given.start,
-                                   given.end, &oid, given.objOff,
-                                   static_cast<int>(given.number)) == 0);
+        Store(transaction, given);
         model.Store(given);
       }
       RC_ASSERT(transaction.Commit() == 0);
@@ -224,6 +233,82 @@ TEST_F(Insert2DBPropertyTest, EveryByteIsWhatWasStoredThereLast) {
                           [](const JournalFields& fields) { return fields.op == kOpDel; });
   });
   EXPECT_GT(cuts, kCases) << "there are overlaps";
+}
+
+/// Extents of a file of many pages of records: most are small and split pages, some cover so many
+/// records that pages become empty. By rising offset, as a flush stores them, or as they come.
+class ManyPages {
+ public:
+  static constexpr long kDomain = 40000;
+
+  explicit ManyPages(std::uint64_t seed) : random_(seed) {}
+
+  std::vector<Given> Disjoint() {
+    std::vector<Given> records;
+    for (long at = Upto(8); at < kDomain;) {
+      const long end = std::min(at + 1 + Upto(12), kDomain);
+      const auto bytes = static_cast<std::size_t>(Upto(3) == 0 ? 16 + Upto(56) : 72);
+      records.push_back({at, end, Number(), Number(), bytes});
+      at = end + (Upto(2) == 0 ? Upto(6) : 0);
+    }
+    return records;
+  }
+
+  std::vector<Given> Writes() {
+    std::vector<Given> writes;
+    for (int i = 0; i < 1500; ++i) {
+      const long start = Upto(kDomain);
+      const long longest = Upto(100) == 0 ? 4000 : 16;
+      writes.push_back(
+          {start, std::min(start + 1 + Upto(longest), kDomain), Number(), Number(), 72});
+    }
+    if (Upto(2) == 0) {
+      std::sort(writes.begin(), writes.end(),
+                [](const Given& a, const Given& b) { return a.end < b.end; });
+    }
+    return writes;
+  }
+
+ private:
+  long Upto(long limit) { return static_cast<long>(random_() % static_cast<unsigned long>(limit)); }
+  std::uint32_t Number() { return static_cast<std::uint32_t>(1 + Upto(1 << 20)); }
+
+  std::mt19937_64 random_;
+};
+
+TEST_F(Insert2DBPropertyTest, TheSameWherePagesSplitAndMergeUnderTheCursor) {
+  constexpr int kCasesOfManyPages = 30;
+  LoadUnsynced("PROVISION");
+  const LMDBContext& db = peer().smallDb();
+  std::size_t mostPages = 0;
+  std::size_t fewestPages = SIZE_MAX;
+  ExpectToHold("insert2DB over many pages", kCasesOfManyPages, [&] {
+    ManyPages extents(*rc::gen::arbitrary<std::uint64_t>());
+    ByteModel model(ManyPages::kDomain);
+    Transaction transaction(db, Transaction::kWrite, "");
+    const auto records = extents.Disjoint();
+    Refill(transaction, db, records);
+    for (const Given& given : records) {
+      model.Store(given);
+    }
+    for (const Given& given : extents.Writes()) {
+      Store(transaction, given);
+      model.Store(given);
+    }
+    const Given all{0, ManyPages::kDomain, 7, 0, 72};
+    if (*rc::gen::inRange(0, 4) == 0) {
+      Store(transaction, all);  // nothing is left of any page
+      model.Store(all);
+    }
+    MDB_stat stat;
+    RC_ASSERT(::mdb_stat(transaction.txn(), db.dbi, &stat) == 0);
+    mostPages = std::max(mostPages, stat.ms_leaf_pages);
+    fewestPages = std::min(fewestPages, stat.ms_leaf_pages);
+    RC_ASSERT(transaction.Commit() == 0);
+    RC_ASSERT(All(db) == model.Expected());
+  });
+  EXPECT_GT(mostPages, 50U);
+  EXPECT_EQ(1U, fewestPages);
 }
 
 }  // namespace

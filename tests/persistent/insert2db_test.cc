@@ -280,7 +280,7 @@ TEST_F(Insert2DBFaultTest, AFailedPutNamesTheRecordOfAPieceAndTheEndOfTheExtent)
                                "8 Failed to add new entry 100, ret:-4711",  // tail of the second
                                "8 Failed to add new entry 60, ret:-4711"};  // the extent
   for (int nth = 1; nth <= 3; ++nth) {
-    EXPECT_EQ(kCode, CodeOfFailed(Call::kMdbPut, nth));
+    EXPECT_EQ(kCode, CodeOfFailed(Call::kMdbCursorPut, nth));
     EXPECT_THAT(failures_, ElementsAre(lines[nth - 1]));
   }
 }

@@ -6,7 +6,9 @@
 #include <vector>
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
+#include "tests/persistent/close_trace.h"
 #include "tests/persistent/merge_fixture.h"
 #include "tests/persistent/thread_switch.h"
 #include "tests/table/code_of.h"
@@ -59,6 +61,26 @@ TEST_F(MergeSwitchTest, TheUnionReplacesTheFullDatabaseAndTheTmpDatabaseTheSmall
   EXPECT_EQ(0, MapsOf("tmp.mdb"));
   EXPECT_THAT(Walk(table()), ElementsAre("[0, 40) 70 70000 700", "[40, 60) 80 80000 800",
                                          "[60, 100) 70 70060 700"));
+}
+
+TEST_F(MergeSwitchTest, TheFilesThatItReplacesAreFreedWhenNobodyWaitsForItAnyMore) {
+  LoadBoth(kFull, kSmall);
+  const auto inodeOf = [this](const std::string& name) {
+    struct stat status {};
+    EXPECT_EQ(0, ::stat(Path(name).c_str(), &status));
+    return status.st_ino;
+  };
+  const std::set<ino_t> replaced = {inodeOf("data.mdb"), inodeOf("lsml0.mdb")};
+  std::multiset<ino_t> freed;
+  AtCloseOfReplaced([&](ino_t inode) {
+    freed.insert(inode);
+    EXPECT_EQ(Held::kNot, TableLock());
+    EXPECT_TRUE(peer().merging()) << "the next merge does not begin yet";
+    EXPECT_EQ(kMerged, Full());
+  });
+  EXPECT_EQ(0, peer().MergeAndSwitch());
+  AtCloseOfReplaced({});
+  EXPECT_EQ(std::multiset<ino_t>(replaced.begin(), replaced.end()), freed);
 }
 
 TEST_F(MergeSwitchTest, NoHostIsAsked) {

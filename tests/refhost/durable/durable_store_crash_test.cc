@@ -179,6 +179,8 @@ std::string NameOfCall(const ::testing::TestParamInfo<Call>& tested) {
       return "Commit";
     case Call::kMdbPut:
       return "Put";
+    case Call::kMdbCursorPut:
+      return "CursorPut";
     case Call::kRename:
       return "Rename";
     case Call::kUnlink:
@@ -190,7 +192,8 @@ std::string NameOfCall(const ::testing::TestParamInfo<Call>& tested) {
 
 INSTANTIATE_TEST_SUITE_P(Calls, DurableStoreCrash,
                          ::testing::Values(Call::kFsync, Call::kMdbTxnCommit, Call::kMdbPut,
-                                           Call::kRename, Call::kUnlink, Call::kMdbEnvOpen),
+                                           Call::kMdbCursorPut, Call::kRename, Call::kUnlink,
+                                           Call::kMdbEnvOpen),
                          NameOfCall);
 
 /// Failures of the disk, that the process outlives.
@@ -218,7 +221,8 @@ TEST_P(DurableStoreFailure, WhatWasSyncedIsThereWhicheverCallFails) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Calls, DurableStoreFailure,
-                         ::testing::Values(Call::kFsync, Call::kMdbTxnCommit, Call::kMdbPut),
+                         ::testing::Values(Call::kFsync, Call::kMdbTxnCommit, Call::kMdbPut,
+                                           Call::kMdbCursorPut),
                          NameOfCall);
 
 }  // namespace
