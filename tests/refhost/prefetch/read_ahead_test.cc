@@ -20,9 +20,7 @@ using test::DurableStoreTest;
 using test::kSegment;
 using test::Pattern;
 using test::ReadAll;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
+using ::testing::Each;
 
 constexpr std::size_t kSegmentsOfFile = 64;
 constexpr std::size_t kSegmentsOfContainer = 16;  // of 8192 bytes
@@ -192,9 +190,9 @@ TEST_F(ReadAheadTest, ContainerThatIsGoneIsToldByTheReadOfItAlone) {
   boost::filesystem::remove(Container(65));
   LogRecorder log(kLogRecoverable);
   ExpectSegments("a", bytes_, 0, kSegmentsOfContainer);
-  EXPECT_THAT(log.Take(), ::testing::Each(LogRecord{kLogRecoverable,
-                                                    "cannot fetch container 65 ahead: container " +
-                                                        Container(65) + " is gone"}));
+  EXPECT_THAT(log.Take(),
+              Each(LogRecord{kLogRecoverable, "cannot fetch container 65 ahead: container " +
+                                                  Container(65) + " is gone"}));
   EXPECT_THROW(
       {
         try {
