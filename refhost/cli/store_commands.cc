@@ -23,6 +23,7 @@ struct Given {
   std::string store;
   std::string name;
   std::string destination;
+  ReadAheadOptions readAhead;
   bool json = false;
 };
 using GivenPtr = std::shared_ptr<Given>;
@@ -53,15 +54,30 @@ void AddPut(CLI::App& app, int* exitStatus) {
   });
 }
 
+void AddReadAhead(CLI::App* command, ReadAheadOptions* options) {
+  command
+      ->add_option(
+          "--read-ahead", options->windowBytes,
+          "Bytes fetched ahead of a reader of a file; 0: nothing, 8M and so on are taken too")
+      ->transform(CLI::AsSizeValue(false))
+      ->capture_default_str();
+  command
+      ->add_option("--read-cache", options->cacheBytes,
+                   "Most bytes that are kept in memory of what was fetched ahead")
+      ->transform(CLI::AsSizeValue(false))
+      ->capture_default_str();
+}
+
 void AddGet(CLI::App& app, int* exitStatus) {
   const auto given = std::make_shared<Given>();
   CLI::App* const command =
       AddCommand(app, "get", "Write a file of a store to DEST, where there is nothing yet.", given);
   command->add_option("NAME", given->name, "Name of the file, as ls tells it")->required();
   command->add_option("DEST", given->destination, "Where to write it")->required();
+  AddReadAhead(command, &given->readAhead);
   command->callback([given, exitStatus] {
     *exitStatus = GetAndReport(given->store, given->name, given->destination, given->json,
-                               std::cout, std::cerr);
+                               std::cout, std::cerr, given->readAhead);
   });
 }
 
@@ -74,6 +90,20 @@ void AddLook(CLI::App& app, const char* name, const char* what, Report report, i
   });
 }
 
+void AddVerify(CLI::App& app, int* exitStatus) {
+  const auto given = std::make_shared<Given>();
+  CLI::App* const command =
+      AddCommand(app, "verify",
+                 "Read every byte of every file again, and compare it with the fingerprints of its "
+                 "extents and with the digest\nof the file.",
+                 given);
+  AddReadAhead(command, &given->readAhead);
+  command->callback([given, exitStatus] {
+    *exitStatus =
+        VerifyAndReport(given->store, given->json, std::cout, std::cerr, given->readAhead);
+  });
+}
+
 }  // namespace
 
 void AddStoreCommands(CLI::App& app, int* exitStatus) {
@@ -81,10 +111,7 @@ void AddStoreCommands(CLI::App& app, int* exitStatus) {
   AddGet(app, exitStatus);
   AddLook(app, "ls", "List the files of a store.", ListAndReport, exitStatus);
   AddLook(app, "stat", "Tell what a store holds.", StatAndReport, exitStatus);
-  AddLook(app, "verify",
-          "Read every byte of every file again, and compare it with the fingerprints of its "
-          "extents and with the digest\nof the file.",
-          VerifyAndReport, exitStatus);
+  AddVerify(app, exitStatus);
 }
 
 }  // namespace zefs::refhost

@@ -7,6 +7,7 @@
 
 #include "refhost/cli/common_options.h"
 #include "refhost/durable/store_directory.h"
+#include "refhost/prefetch/read_ahead.h"
 
 namespace CLI {
 class App;
@@ -30,9 +31,11 @@ struct PutOptions {
 
 int PutAndReport(const PutOptions& options, bool json, std::ostream& out, std::ostream& err);
 int GetAndReport(const std::string& store, const std::string& name, const std::string& destination,
-                 bool json, std::ostream& out, std::ostream& err);
+                 bool json, std::ostream& out, std::ostream& err,
+                 const ReadAheadOptions& readAhead = {});
 int ListAndReport(const std::string& store, bool json, std::ostream& out, std::ostream& err);
 int StatAndReport(const std::string& store, bool json, std::ostream& out, std::ostream& err);
-int VerifyAndReport(const std::string& store, bool json, std::ostream& out, std::ostream& err);
+int VerifyAndReport(const std::string& store, bool json, std::ostream& out, std::ostream& err,
+                    const ReadAheadOptions& readAhead = {});
 
 }  // namespace zefs::refhost

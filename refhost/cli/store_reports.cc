@@ -32,8 +32,9 @@ double PerSecond(std::uint64_t count, double seconds) {
   return seconds > 0 ? static_cast<double>(count) / seconds : 0;
 }
 
-DurableStoreOptions Existing() {
+DurableStoreOptions Existing(const ReadAheadOptions& readAhead = {}) {
   DurableStoreOptions options;
+  options.readAhead = readAhead;
   options.missing = StoreDirectory::Missing::kIsAnError;
   return options;
 }
@@ -49,6 +50,14 @@ void Print(const char* headline, const Report& report, bool json, std::ostream& 
 void AddNodes(const NodeCounts& nodes, Report* report) {
   report->Count("nodes", "nodes of the data cache", nodes.made);
   report->Count("nodes_released", "nodes released by tables, once each", nodes.released);
+}
+
+void AddReadAhead(const ReadAheadFigures& figures, Report* report) {
+  report->Count("prefetch_plans", "plans for reading ahead", figures.plans);
+  report->Count("prefetch_containers", "containers fetched ahead", figures.containers);
+  report->Bytes("prefetch_fetched_bytes", "fetched ahead", figures.fetchedBytes);
+  report->Count("prefetch_hits", "extents read from what was fetched ahead", figures.hits);
+  report->Count("prefetch_misses", "extents read from their container", figures.misses);
 }
 
 /// Tells at its end what was skipped, whatever the end.
@@ -108,10 +117,11 @@ int PutAndReport(const PutOptions& options, bool json, std::ostream& out, std::o
 }
 
 int GetAndReport(const std::string& store, const std::string& name, const std::string& destination,
-                 bool json, std::ostream& out, std::ostream& err) {
+                 bool json, std::ostream& out, std::ostream& err,
+                 const ReadAheadOptions& readAhead) {
   return RunCommand("get", err, [&] {
     const Stopwatch watch;
-    DurableStore opened(store, Existing());
+    DurableStore opened(store, Existing(readAhead));
     std::uint64_t bytes = 0;
     WithProgress([&](const Progress& progress) {
       bytes = ExportFile(&opened, name, destination, progress);
@@ -120,6 +130,7 @@ int GetAndReport(const std::string& store, const std::string& name, const std::s
     report.Words("name", "file", name);
     report.Words("destination", "written to", destination);
     report.Bytes("bytes", "bytes", bytes);
+    AddReadAhead(opened.readAheadFigures(), &report);
     report.ByteRate("bytes_per_second", "get", PerSecond(bytes, watch.seconds()));
     Print("got", report, json, out);
     return kExitFine;
@@ -169,6 +180,7 @@ int StatAndReport(const std::string& store, bool json, std::ostream& out, std::o
     report.Count("extents_small", "extents in small databases", figures.records.small);
     report.Count("extents_tmp", "extents in tmp databases", figures.records.tmp);
     report.Bytes("disk_bytes", "bytes on disk, all", figures.diskBytes);
+    AddReadAhead(opened.formerReadAheadFigures(), &report);
     report.Data("segment_size", opened.directory().format().segmentSize);
     report.Words("table_type", "type of the tables", opened.directory().format().tableType);
     Print("store", report, json, out);
@@ -176,10 +188,11 @@ int StatAndReport(const std::string& store, bool json, std::ostream& out, std::o
   });
 }
 
-int VerifyAndReport(const std::string& store, bool json, std::ostream& out, std::ostream& err) {
+int VerifyAndReport(const std::string& store, bool json, std::ostream& out, std::ostream& err,
+                    const ReadAheadOptions& readAhead) {
   return RunCommand("verify", err, [&] {
     const Stopwatch watch;
-    DurableStore opened(store, Existing());
+    DurableStore opened(store, Existing(readAhead));
     StoreVerification result;
     WithProgress([&](const Progress& progress) { StoreVerifier(&opened, progress).Run(&result); });
     RequireSound(opened.nodes());
@@ -198,6 +211,7 @@ int VerifyAndReport(const std::string& store, bool json, std::ostream& out, std:
     report.Bytes("bytes", "read through extent maps", result.bytes);
     report.Count("extents", "extents", result.extents);
     report.Count("objects", "objects fingerprinted again", result.objects);
+    AddReadAhead(opened.readAheadFigures(), &report);
     report.Seconds("seconds", "time in all", seconds);
     report.ByteRate("bytes_per_second", "verify", PerSecond(result.bytes, seconds));
     Print(result.problems.empty() ? "every byte is as it was synced" : "damaged", report, json,

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/config.h"
 #include "host/zefs_log.h"
 #include "refhost/store/store_error.h"
 #include "refhost/threads/for_all.h"
@@ -48,15 +49,25 @@ DurableStore::DurableStore(const std::string& path, const DurableStoreOptions& o
       directory_(path, options.missing, options.format),
       segmenter_(directory_.format().segmentSize),
       objects_(directory_.containers(), options.containerBytes, directory_.index()),
+      ahead_(options.readAhead, &objects_),
+      readRecord_(directory_.readRecord()),
       cache_([this](const std::string& share) { return Protect(share); }),
       workers_(WorkersFor(options.workers), kWaitingSegments),
-      services_{&segmenter_, &directory_.format().tableType, &objects_, &cache_, &workers_,
-                &merges_},
+      services_{
+          &segmenter_, &directory_.format().tableType, &objects_, &cache_, &workers_, &merges_,
+          &ahead_},
       catalogue_(directory_.catalogue()) {
+  if (ahead_.window() != 0) {
+    // For the whole process, and never off again: what a table keeps would be shown again later.
+    FileSystemDaemonConfig::GetInstance().Set(&FileSystemDaemonConfig::prefetchEnabled, 1);
+  }
   RemoveOrphans();
 }
 
 DurableStore::~DurableStore() {
+  if (const ReadAheadFigures figures = ahead_.figures(); figures.Any()) {
+    readRecord_.Add(figures);
+  }
   open_.clear();
   for (const OpenPtr& spare : spares_) {
     spare->file.reset();

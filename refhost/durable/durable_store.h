@@ -16,6 +16,7 @@
 #include "refhost/durable/sequential_digest.h"
 #include "refhost/durable/store_directory.h"
 #include "refhost/durable/stored_file.h"
+#include "refhost/prefetch/read_record.h"
 
 namespace zefs::refhost {
 
@@ -23,7 +24,8 @@ struct DurableStoreOptions {
   StoreDirectory::Missing missing = StoreDirectory::Missing::kIsMade;
   WantedFormat format;
   std::uint32_t containerBytes = kDefaultContainerBytes;
-  std::size_t workers = 0;    ///< threads that store data; 0: one for each processor, 4 at most
+  std::size_t workers = 0;  ///< threads that store data; 0: one for each processor, 4 at most
+  ReadAheadOptions readAhead;
   std::size_t mostOpen = 64;  ///< tables kept open, as long as their files are synced
 };
 
@@ -39,7 +41,9 @@ struct DurableStoreOptions {
 /// Any threads may read and write at once; other operations wait for these and keep them out.
 class DurableStore {
  public:
-  /// Opens the store, or makes it. Removes what a crash has left of files that were never synced.
+  /// Opens the store, or makes it. With reading ahead the tables of the process keep the extents
+  /// that they were asked about from then on. Removes what a crash has left of files that were
+  /// never synced.
   explicit DurableStore(const std::string& path, const DurableStoreOptions& options = {});
 
   /// Ends without a sync. No other call may be running.
@@ -85,6 +89,9 @@ class DurableStore {
   Catalogue::Entries Catalogued() const;
 
   const StoreDirectory& directory() const { return directory_; }
+  /// Of reading ahead: by this object, and by all that came before it.
+  ReadAheadFigures readAheadFigures() const { return ahead_.figures(); }
+  ReadAheadFigures formerReadAheadFigures() const { return readRecord_.Load(); }
   LastingObjects& objects() { return objects_; }
   const NodeCounts& nodes() { return cache_.counts(); }
   std::uint64_t flushes() const { return cache_.flushes(); }  ///< that wrote something
@@ -126,6 +133,8 @@ class DurableStore {
   StoreDirectory directory_;
   Segmenter segmenter_;
   LastingObjects objects_;
+  ReadAhead ahead_;
+  ReadRecord readRecord_;
   DataCache cache_;
   std::atomic<std::uint64_t> merges_{0};
   std::atomic<std::uint64_t> syncs_{0};

@@ -16,6 +16,11 @@ void LastingObjects::Read(const DataCacheNode::ObjectID& id, std::int32_t dcOffs
   objects_.Read(id, dcOffset, objOff, size, out);
 }
 
+OpenContainer LastingObjects::Open(std::uint64_t dcid) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return containers_.Open(dcid);
+}
+
 Location LastingObjects::Locate(const DataCacheNode::ObjectID& id) const {
   const std::lock_guard<std::mutex> lock(mutex_);
   return objects_.Locate(id);

@@ -25,6 +25,9 @@ class LastingObjects {
   void Read(const DataCacheNode::ObjectID& id, std::int32_t dcOffset, std::int64_t objOff,
             std::uint32_t size, char* out) const;
 
+  /// As ContainerStore::Open.
+  OpenContainer Open(std::uint64_t dcid) const;
+
   /// As ObjectStore::Locate.
   Location Locate(const DataCacheNode::ObjectID& id) const;
 

@@ -28,6 +28,7 @@ std::string TableTypeProblem(const std::string& type);
 /// process.
 ///
 ///   format            what the store is, in text
+///   reads             what reading ahead has come to, in text
 ///   lock              locked while a process has the store open
 ///   index.mdb         objects by fingerprint
 ///   catalogue.mdb     files by name
@@ -46,6 +47,7 @@ class StoreDirectory {
   std::string index() const { return path_ + "/index.mdb"; }
   std::string catalogue() const { return path_ + "/catalogue.mdb"; }
   std::string containers() const { return path_ + "/containers"; }
+  std::string readRecord() const { return path_ + "/reads"; }
   std::string tables() const { return path_ + "/tables"; }
   std::string table(std::uint64_t number) const { return tables() + "/" + std::to_string(number); }
 

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "host/zefs_log.h"
@@ -29,7 +30,8 @@ StoredFile::StoredFile(const FileServices& services, const std::string& director
       nodes_(&services.cache->counts()),
       table_(directory, *services.tableType, services.cache, services.merges),
       share_(std::move(share)),
-      size_(std::max<std::int64_t>(size, table_.FileSize())) {}
+      size_(std::max<std::int64_t>(size, table_.FileSize())),
+      reads_(services.ahead->window()) {}
 
 StoredFile::~StoredFile() {
   jobs_.Wait();
@@ -156,6 +158,7 @@ std::size_t StoredFile::Read(std::int64_t offset, char* out, std::size_t size) c
   const std::int64_t left = std::max<std::int64_t>(size_ - offset, 0);
   const std::size_t wanted = std::min(size, static_cast<std::size_t>(left));
   const std::int64_t end = offset + static_cast<std::int64_t>(wanted);
+  LookAhead({offset, end});
   for (std::int64_t at = offset; at < end;) {
     // One look-up for each extent, under a lock of its own: a step of the iterator would see the
     // cache without one.
@@ -173,8 +176,22 @@ std::size_t StoredFile::Read(std::int64_t offset, char* out, std::size_t size) c
   return wanted;
 }
 
+/// Has fetched what a sequential reader wants next. A failure is that of no read.
+void StoredFile::LookAhead(const FileRange& read) const {
+  if (read.start >= read.end) {
+    return;
+  }
+  if (const std::optional<FileRange> range = reads_.Note(read, size_); range.has_value()) {
+    try {
+      services_.ahead->Fetch(table_.Plan(range->start, range->end), services_.workers);
+    } catch (const StoreError& error) {
+      ZEFS_LOG(kLogRecoverable, "cannot read ahead: %s", error.what());
+    }
+  }
+}
+
 /// Reads the part of `ext` in [offset, end), which lies inside its range: from its node, which
-/// `*lock` keeps from being released, or else from its container.
+/// `*lock` keeps from being released, or else from what was fetched of its container, or from that.
 void StoredFile::ReadExtent(Ext& ext, std::int64_t offset, std::int64_t end, SharedLock* lock,
                             char* out) const {
   const std::int64_t objOff = ext.getObjOff() + (offset - ext.getSOff());
@@ -197,6 +214,10 @@ void StoredFile::ReadExtent(Ext& ext, std::int64_t offset, std::int64_t end, Sha
   }
   if (lock->owns_lock()) {
     lock->unlock();
+  }
+  if (services_.ahead->Read(ext.getObjectID().dcid, ext.getDCOffset(), objOff,
+                            static_cast<std::uint32_t>(size), out)) {
+    return;
   }
   try {
     services_.objects->Read(ext.getObjectID(), ext.getDCOffset(), objOff,

@@ -11,6 +11,8 @@
 #include "refhost/cache/data_cache.h"
 #include "refhost/cache/node_ledger.h"
 #include "refhost/durable/lasting_objects.h"
+#include "refhost/prefetch/read_ahead.h"
+#include "refhost/prefetch/sequential_reads.h"
 #include "refhost/store/segmenter.h"
 #include "refhost/tables/stored_table.h"
 #include "refhost/threads/job_group.h"
@@ -26,6 +28,7 @@ struct FileServices {
   DataCache* cache;
   WorkerPool* workers;
   std::atomic<std::uint64_t>* merges;
+  ReadAhead* ahead;
 };
 
 /// One file of a store that lasts, open: its table, and the nodes of what was written and is not
@@ -88,6 +91,7 @@ class StoredFile {
   void WriteSegment(std::int64_t offset, std::string_view bytes);
   void StoreBytes(CacheNode* node, const CacheNode::Bytes& bytes);
   void Flush(bool force);
+  void LookAhead(const FileRange& read) const;
   void ReadExtent(Aldenta::Qnd::Morene::Zefs::Ext& ext, std::int64_t offset, std::int64_t end,
                   SharedLock* lock, char* out) const;
 
@@ -100,6 +104,7 @@ class StoredFile {
   std::string failure_;
   std::size_t segmentsSinceFlush_ = 0;
   std::atomic<std::int64_t> size_;
+  mutable SequentialReads reads_;
 };
 
 }  // namespace zefs::refhost

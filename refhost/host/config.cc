@@ -36,8 +36,8 @@ FileSystemDaemonConfig::FileSystemDaemonConfig()
       mergeCommitBatchSize(10000),
       // A filter is some bytes for each record, and saves a walk of the full database per question.
       persistBloom(1),
-      // Off: this version of the library fills no list of prefetched extents, and one that outlives
-      // a write inside it would be read in its place.
+      // Off: a prefetched extent that outlives a write inside it would be read in its place. A
+      // store that reads ahead sees to it that none does, and switches it on.
       prefetchEnabled(0),
       // A thousand segments of 16 KiB on either side: what a few read-aheads cover.
       prefetchSpanBytes(16U << 20),

@@ -69,13 +69,13 @@ std::string ContainerStore::PathOf(std::uint64_t dcid) const {
   return directory_ + "/" + std::to_string(dcid);
 }
 
-ContainerStore::OpenContainer& ContainerStore::WritableFor(std::size_t bytes) {
+ContainerStore::KeptOpen& ContainerStore::WritableFor(std::size_t bytes) {
   const bool full = size_ != 0 && bytes > containerBytes_ - std::min(size_, containerBytes_);
   if (!writing_.has_value() || full) {
     FileHandle file = FileHandle::Open(PathOf(nextDcid_), O_RDWR | O_CREAT | O_EXCL);
     namesSynced_ = false;
     writing_.reset();
-    writing_.emplace(OpenContainer{nextDcid_, std::move(file)});
+    writing_.emplace(KeptOpen{nextDcid_, std::move(file)});
     ++nextDcid_;
     ++containers_;
     size_ = 0;
@@ -84,7 +84,7 @@ ContainerStore::OpenContainer& ContainerStore::WritableFor(std::size_t bytes) {
 }
 
 Location ContainerStore::Append(std::string_view bytes) {
-  OpenContainer& container = WritableFor(bytes.size());
+  KeptOpen& container = WritableFor(bytes.size());
   unsynced_.insert(container.dcid);
   container.file.WriteAt(size_, bytes);  // what a failed append left behind is written over
   const Location where{container.dcid, size_, static_cast<std::uint32_t>(bytes.size())};
@@ -109,7 +109,7 @@ const FileHandle& ContainerStore::Readable(std::uint64_t dcid) const {
     return writing_->file;
   }
   const auto open = std::find_if(reading_.begin(), reading_.end(),
-                                 [dcid](const OpenContainer& one) { return one.dcid == dcid; });
+                                 [dcid](const KeptOpen& one) { return one.dcid == dcid; });
   if (open != reading_.end()) {
     return open->file;
   }
@@ -128,6 +128,15 @@ void ContainerStore::Read(const Location& where, std::uint32_t from, std::uint32
     throw DamageError("container " + file.path() + " ends before offset " +
                       std::to_string(offset + size));
   }
+}
+
+OpenContainer ContainerStore::Open(std::uint64_t dcid) const {
+  FileHandle file = OpenWritten(PathOf(dcid));
+  // Behind what was appended to the one that is written lies what a failed append has left, and
+  // that is written over.
+  const bool isWritten = writing_.has_value() && writing_->dcid == dcid;
+  const std::int64_t end = isWritten ? std::int64_t{size_} : file.Size();
+  return {std::move(file), end};
 }
 
 }  // namespace zefs::refhost

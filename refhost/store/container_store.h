@@ -18,6 +18,12 @@ struct Location {
   std::uint32_t length;
 };
 
+/// A container to be read on its own: its bytes below `end` do not change any more.
+struct OpenContainer {
+  FileHandle file;
+  std::int64_t end;
+};
+
 inline constexpr std::uint32_t kDefaultContainerBytes = 16 * 1024 * 1024;
 
 /// Append-only container files, named by their id, in one directory. Objects are never changed or
@@ -40,6 +46,9 @@ class ContainerStore {
   /// object. Throws DamageError if the container is shorter than that or is gone.
   void Read(const Location& where, std::uint32_t from, std::uint32_t size, char* out) const;
 
+  /// The container opened anew. Throws DamageError if it is gone.
+  OpenContainer Open(std::uint64_t dcid) const;
+
   /// All that was appended is on the disk when this returns. After a failure what was appended
   /// since the last success may be lost.
   void Sync();
@@ -48,13 +57,13 @@ class ContainerStore {
   std::uint64_t storedBytes() const { return storedBytes_; }  ///< appended by this object
 
  private:
-  struct OpenContainer {
+  struct KeptOpen {
     std::uint64_t dcid;
     FileHandle file;
   };
 
   std::string PathOf(std::uint64_t dcid) const;
-  OpenContainer& WritableFor(std::size_t bytes);
+  KeptOpen& WritableFor(std::size_t bytes);
   const FileHandle& Readable(std::uint64_t dcid) const;
 
   std::string directory_;
@@ -63,10 +72,10 @@ class ContainerStore {
   std::uint32_t size_ = 0;  // bytes of the container that is written
   std::uint64_t containers_ = 0;
   std::uint64_t storedBytes_ = 0;
-  std::optional<OpenContainer> writing_;
-  std::set<std::uint64_t> unsynced_;           // containers that were appended to
-  bool namesSynced_ = true;                    // of all containers
-  mutable std::deque<OpenContainer> reading_;  // a few, the one opened last in front
+  std::optional<KeptOpen> writing_;
+  std::set<std::uint64_t> unsynced_;      // containers that were appended to
+  bool namesSynced_ = true;               // of all containers
+  mutable std::deque<KeptOpen> reading_;  // a few, the one opened last in front
 };
 
 }  // namespace zefs::refhost

@@ -2,6 +2,7 @@
 
 #include <mutex>
 #include <utility>
+#include <vector>
 
 #include <boost/filesystem/exception.hpp>
 #include <sys/stat.h>
@@ -93,6 +94,8 @@ StoredTable::~StoredTable() {
 
 void StoredTable::Insert(std::int64_t start, std::int64_t end, const ObjectID* id,
                          std::int64_t objOff, void* node, std::int32_t dcOffset) {
+  const std::lock_guard<std::mutex> lock(planMutex_);
+  DropPlanned();
   const int code = OnTable("write", directory_, [&] {
     return table_->insert(start, end, id, objOff, /*objCksum=*/0, node, dcOffset,
                           /*trace=*/nullptr);
@@ -100,6 +103,31 @@ void StoredTable::Insert(std::int64_t start, std::int64_t end, const ObjectID* i
   if (code != 0) {
     throw TableError("write", directory_, code);
   }
+}
+
+std::list<MappingTable::DCInfo> StoredTable::Plan(std::int64_t start, std::int64_t end) const {
+  MappingTable::PrefetchRange range;
+  range.start = start;
+  range.end = end;
+  std::list<MappingTable::DCInfo> plan;
+  const std::lock_guard<std::mutex> lock(planMutex_);
+  planned_ = true;
+  OnTable("read", directory_, [&] { table_->GetDCInfoList(range, &plan); });
+  return plan;
+}
+
+/// The table drops all extents that it keeps when it takes back a list of container offsets, also
+/// an empty one, which changes nothing.
+void StoredTable::DropPlanned() {
+  if (!planned_) {
+    return;
+  }
+  std::vector<DCOffset> none;
+  const int code = OnTable("write", directory_, [&] { return table_->BackfillDcOffset(none); });
+  if (code != 0) {
+    throw TableError("write", directory_, code);
+  }
+  planned_ = false;
 }
 
 void StoredTable::Flush(bool force, const std::string& share, const TakeReleased& take) {

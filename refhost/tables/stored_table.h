@@ -3,7 +3,9 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 
@@ -45,6 +47,13 @@ class StoredTable {
   void Insert(std::int64_t start, std::int64_t end, const ObjectID* id, std::int64_t objOff,
               void* node, std::int32_t dcOffset);
 
+  /// What [start, end) consists of, container by container. The table keeps the extents for
+  /// look-ups if `prefetchEnabled` says so, and goes on showing them after a write inside; so the
+  /// next Insert has them dropped first. All changes of extents go through this class, or are
+  /// operations of the table that drop them on their own. May be called beside anything else but
+  /// these.
+  std::list<MappingTable::DCInfo> Plan(std::int64_t start, std::int64_t end) const;
+
   /// Stores what is ready, all of it if `force`, and hands back nodes. The data cache is told
   /// `share`.
   void Flush(bool force, const std::string& share, const TakeReleased& take);
@@ -59,13 +68,16 @@ class StoredTable {
   void RaiseFileSize(std::int64_t size);
 
  private:
+  void DropPlanned();
   void WaitForMerges();
   void CountMerges();
 
   std::string directory_;
   std::atomic<std::uint64_t>& merges_;
   std::unique_ptr<MappingTable> table_;
-  ino_t fullDatabase_ = 0;  // a merge replaces the file
+  mutable std::mutex planMutex_;  // held by Plan and by Insert, throughout
+  mutable bool planned_ = false;  // since extents were dropped
+  ino_t fullDatabase_ = 0;        // a merge replaces the file
 };
 
 /// Runs one operation on the table in `directory`: what the table throws becomes a StoreError

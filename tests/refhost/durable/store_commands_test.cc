@@ -121,6 +121,42 @@ TEST_F(StoreCommands, ListAndStatTellWhatIsThere) {
   EXPECT_EQ(16384, Json().at("segment_size"));
 }
 
+TEST_F(StoreCommands, ReadingAheadIsCountedAndStatTellsItOfAllRuns) {
+  test::WriteFile(dir / "tree/long", Pattern(3, std::size_t{2} << 20));
+  options.paths = {In("tree/long")};
+  ASSERT_EQ(kExitFine, Put());
+  const auto expectFigures = [&](std::uint64_t plans, std::uint64_t fetched, std::uint64_t hits,
+                                 std::uint64_t misses) {
+    EXPECT_EQ(plans, Json().at("prefetch_plans"));
+    EXPECT_EQ(plans, Json().at("prefetch_containers"));
+    EXPECT_EQ(fetched, Json().at("prefetch_fetched_bytes"));
+    EXPECT_EQ(hits, Json().at("prefetch_hits"));
+    EXPECT_EQ(misses, Json().at("prefetch_misses"));
+  };
+  const auto expectStat = [&](std::uint64_t runs) {
+    Forget();
+    ASSERT_EQ(kExitFine, StatAndReport(In("store"), true, out, err));
+    expectFigures(runs, runs * (2U << 20), runs * 64, runs * 64);
+  };
+  expectStat(0);
+  Forget();
+  ASSERT_EQ(kExitFine, GetAndReport(In("store"), In("tree/long"), In("back"), true, out, err));
+  expectFigures(1, 2U << 20, 64, 64);
+  expectStat(1);
+  EXPECT_EQ(kExitFine, Verify(true));
+  expectFigures(1, 2U << 20, 64, 64);
+  expectStat(2);
+  ReadAheadOptions none;
+  none.windowBytes = 0;
+  Forget();
+  ASSERT_EQ(kExitFine, VerifyAndReport(In("store"), true, out, err, none));
+  expectFigures(0, 0, 0, 0);
+  expectStat(2);
+  Forget();
+  ASSERT_EQ(kExitFine, StatAndReport(In("store"), false, out, err));
+  EXPECT_THAT(out.str(), ::testing::ContainsRegex("from what was fetched ahead +128\n"));
+}
+
 TEST_F(StoreCommands, DamageIsStatusOneAndNamed) {
   ASSERT_EQ(kExitFine, Put());
   FileHandle::Open(In("store/containers/64"), O_RDWR).WriteAt(100, "damage");

@@ -91,6 +91,40 @@ TEST_F(StoredTableTest, FlushHandsBackTheNodesThatItIsThroughWith) {
   EXPECT_EQ(1U, cache.flushes());
 }
 
+TEST_F(StoredTableTest, PlanListsWhatWasFlushedByContainer) {
+  StoredTable table(Directory(), "PROVISION", &cache, &merges);
+  Write(table, 0, 10);
+  Write(table, 20, 30);
+  Flush(table, true);
+  Write(table, 40, 50);
+  const auto plan = table.Plan(5, 100);
+  ASSERT_EQ(1U, plan.size());
+  EXPECT_EQ(64U, plan.front().dcid);
+  ASSERT_EQ(2U, plan.front().extents.size()) << "what still has a node has no container";
+  EXPECT_EQ(0, plan.front().extents[0].sOff);
+  EXPECT_EQ(20, plan.front().extents[1].sOff);
+  EXPECT_TRUE(table.Plan(50, 50).empty());
+}
+
+TEST_F(StoredTableTest, WriteInsideWhatWasPlannedIsFound) {
+  auto& config = FileSystemDaemonConfig::GetInstance();
+  const std::int32_t before = config.Get(&FileSystemDaemonConfig::prefetchEnabled);
+  config.Set(&FileSystemDaemonConfig::prefetchEnabled, 1);
+  StoredTable table(Directory(), "PROVISION", &cache, &merges);
+  for (long at = 0; at < 50; at += 10) {
+    Write(table, at, at + 10);
+  }
+  Flush(table, true);
+  for (long at : {20, 22}) {
+    table.Plan(0, 50);
+    Write(table, at, at + 5);
+    EXPECT_EQ(at, table.table().find(at, nullptr)->getSOff());
+    EXPECT_NE(nullptr, table.table().find(at, nullptr)->getData());
+  }
+  Flush(table, true);
+  config.Set(&FileSystemDaemonConfig::prefetchEnabled, before);
+}
+
 TEST_F(StoredTableTest, MergesAreCountedAndFinished) {
   const test::SmallThresholds thresholds(1, 4);
   StoredTable table(Directory(), "PROVISION", &cache, &merges);
