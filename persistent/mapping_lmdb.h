@@ -124,7 +124,8 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// own: after a failure those before it, and the cache, are cut, and the truncate can be
   /// repeated.
   ///
-  /// A tmp database that a failed merge has left open keeps what it holds behind `size`. A node
+  /// A tmp database that a failed merge has left open keeps what it holds behind `size`, and its
+  /// file size, which the next merge brings back. A node
   /// behind `size` counts as released, also while a piece before `size` uses it. Takes neither
   /// rwLock_ nor tableLock_: no other call may be running.
   int truncate(long size, FILE* trace) override;
@@ -181,8 +182,9 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   int save(const std::string& path, long flags) override;
 
   /// Empties the table and deletes `path` and all below. Returns 0, also if there is no such path,
-  /// or -1 if it could not be deleted. The environments stay open: destroying the table comes next.
-  /// Waits for a merge that runs. Takes no lock: no other call may be running.
+  /// or -1 if it could not be deleted. Passes filesystem_error through if it cannot be looked at.
+  /// The environments stay open: destroying the table comes next. Waits for a merge that runs.
+  /// Takes no lock: no other call may be running.
   int remove(const std::string& path) override;
 
   /// A forced flush for a caller that holds rwLock_ exclusively, and does without the nodes that
@@ -213,7 +215,8 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// commits meanwhile, or the copy may be torn.
   ///
   /// Returns 0. Throws SysException: kErrIo if `to` cannot be made or a copy not synced, kErrExists
-  /// if it is no directory, else the code of the failed copy. What was copied by then stays.
+  /// if it is no directory, else the code of the failed copy. What was copied by then stays. Passes
+  /// boost::filesystem::filesystem_error through if `to` cannot be looked at or its rights not set.
   int Snapshot(const std::string& from, const std::string& to) override;
 
   /// Does nothing: object ids reach this table through the flush.
@@ -283,8 +286,9 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// nothing.
   ///
   /// Throws SysException if a transaction cannot be begun; nothing is changed then. A failing read
-  /// ends the plan early. Holds rwLock_ and tableLock_ shared, and a write transaction on each
-  /// database: it waits for other writers, and holds them off.
+  /// counts as the end of its database, so the plan may lack extents, which only the log tells.
+  /// Holds rwLock_ and tableLock_ shared, and a write transaction on each database: it waits for
+  /// other writers, and holds them off.
   void GetDCInfoList(const PrefetchRange& range, std::list<DCInfo>* out) override;
 
   /// Hands out the extents whose container offset is wanted, as DcOffsetStore::Read does, whose
@@ -294,8 +298,9 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// Takes that list back, with what the host has found: an extent that still stands there with the
   /// same container and fingerprint goes back into the cache with the offset, and the next flush
   /// stores it. What is still open is kept for the next list. Drops all prefetched extents. Returns
-  /// 0, or the code of what failed; the host may then hand the list back again. Holds rwLock_
-  /// exclusively while it changes extents.
+  /// 0, or the code of what failed; throws as a look-up does, or filesystem_error if the list that
+  /// was out cannot be removed. The host may then hand it back again. An answer lasts from the
+  /// flush on. Holds rwLock_ exclusively while it changes extents.
   int BackfillDcOffset(std::vector<zefs::DCOffset>& offsets) override;
 
   /// Asks for a fresh container offset of the extent that starts at `key`. Returns 0 or the code of

@@ -102,10 +102,11 @@ int CMappingLMDB::remove(const std::string& path) {
   ResetCache();
   ForgetDOIDUnlocked();
   WaitingForMerge();
+  if (!fs::exists(fs::symlink_status(path))) {
+    return 0;
+  }
   try {
-    if (fs::exists(fs::symlink_status(path))) {
-      fs::remove_all(path);
-    }
+    fs::remove_all(path);
   } catch (const fs::filesystem_error& e) {
     ZEFS_LOG(kLogFailure, "Failed to remove map file %s, error is %s", path.c_str(), e.what());
     return -1;

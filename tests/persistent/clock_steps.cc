@@ -4,6 +4,7 @@ namespace {
 
 std::time_t step = 0;
 std::time_t now = 0;
+bool stopped = false;
 
 }  // namespace
 
@@ -12,7 +13,7 @@ extern "C" {
 // NOLINTBEGIN(bugprone-reserved-identifier): the names that the linker's --wrap prescribes
 std::time_t __real_time(std::time_t* out);
 std::time_t __wrap_time(std::time_t* out) {
-  if (step == 0) {
+  if (step == 0 && !stopped) {
     return __real_time(out);
   }
   now += step;
@@ -23,4 +24,11 @@ std::time_t __wrap_time(std::time_t* out) {
 
 void zefs::test::SetClockStep(std::time_t seconds) {
   step = seconds;
+  stopped = false;
+}
+
+void zefs::test::StopClockAt(std::time_t seconds) {
+  step = 0;
+  stopped = true;
+  now = seconds;
 }

@@ -8,4 +8,7 @@ namespace zefs::test {
 /// the look before; 0 gives the real clock back. For one thread that looks.
 void SetClockStep(std::time_t step);
 
+/// From now on each look sees this time, until SetClockStep.
+void StopClockAt(std::time_t seconds);
+
 }  // namespace zefs::test
