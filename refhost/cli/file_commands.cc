@@ -1,8 +1,10 @@
 #include "refhost/cli/file_commands.h"
 
+#include <charconv>
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <system_error>
 
 #include <CLI/CLI.hpp>
 
@@ -25,6 +27,16 @@ struct Given {
   bool json = false;
 };
 using GivenPtr = std::shared_ptr<Given>;
+
+/// What is wrong with a size in bytes; empty if nothing is.
+std::string SizeTextProblem(const std::string& text) {
+  std::int64_t size = 0;
+  const char* const end = text.data() + text.size();
+  const auto [behind, error] = std::from_chars(text.data(), end, size);
+  return error == std::errc() && behind == end && size >= 0
+             ? std::string()
+             : "size " + text + " is not a number of bytes from 0 to 9223372036854775807";
+}
 
 CLI::App* AddCommand(CLI::App& app, const char* name, const char* what, int* exitStatus,
                      const GivenPtr& given, const std::function<int(const Given&)>& run) {
@@ -51,7 +63,7 @@ void AddTruncate(CLI::App& app, int* exitStatus) {
   command->add_option("SIZE", given->size, "Bytes; 16K and 1M are taken too")
       ->required()
       ->transform(CLI::AsSizeValue(false))
-      ->check(CLI::NonNegativeNumber);
+      ->check(CLI::Validator(SizeTextProblem, ""));
 }
 
 void AddRemove(CLI::App& app, int* exitStatus) {
