@@ -68,14 +68,13 @@ void AddTruncate(CLI::App& app, int* exitStatus) {
 
 void AddRemove(CLI::App& app, int* exitStatus) {
   const auto given = std::make_shared<Given>();
-  CLI::App* const command =
-      AddCommand(app, "rm",
-                 "Remove files from a store, all at once, or none if one is not there. Their data "
-                 "stays in the containers.",
-                 exitStatus, given, [](const Given& asked) {
-                   return RemoveAndReport(asked.store, asked.names, asked.json, std::cout,
-                                          std::cerr);
-                 });
+  CLI::App* const command = AddCommand(
+      app, "rm",
+      "Remove files from a store, all at once, or none if one is not there. Their data "
+      "stays in the containers.",
+      exitStatus, given, [](const Given& asked) {
+        return RemoveAndReport(asked.store, asked.names, asked.json, std::cout, std::cerr);
+      });
   constexpr int kAnyNumber = CLI::detail::expected_max_vector_size;
   command->add_option("NAME", given->names, "Names of the files, as ls tells them")
       ->required()

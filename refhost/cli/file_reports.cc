@@ -65,19 +65,19 @@ int TruncateAndReport(const std::string& store, const std::string& name, std::in
 
 int RemoveAndReport(const std::string& store, const std::vector<std::string>& names, bool json,
                     std::ostream& out, std::ostream& err) {
-  return ChangeAndReport(
-      "rm", "removed", store, json, out, err, [&](DurableStore* opened, Report* report) {
-        const Catalogue::Entries before = opened->Catalogued();
-        std::uint64_t bytes = 0;
-        const std::set<std::string> once(names.begin(), names.end());
-        for (const std::string& name : once) {
-          opened->Remove(name);  // none of them before the sync
-          bytes += static_cast<std::uint64_t>(before.at(name).size);
-        }
-        opened->Sync();
-        report->Count("files", "files", once.size());
-        report->Bytes("bytes", "their sizes", bytes);
-      });
+  return ChangeAndReport("rm", "removed", store, json, out, err,
+                         [&](DurableStore* opened, Report* report) {
+                           const Catalogue::Entries before = opened->Catalogued();
+                           std::uint64_t bytes = 0;
+                           const std::set<std::string> once(names.begin(), names.end());
+                           for (const std::string& name : once) {
+                             opened->Remove(name);  // none of them before the sync
+                             bytes += static_cast<std::uint64_t>(before.at(name).size);
+                           }
+                           opened->Sync();
+                           report->Count("files", "files", once.size());
+                           report->Bytes("bytes", "their sizes", bytes);
+                         });
 }
 
 int MoveAndReport(const std::string& store, const std::string& name, const std::string& newName,

@@ -163,10 +163,9 @@ void DurableStore::MakeSpares(std::size_t volume) {
 
 bool DurableStore::IsCatalogued(const std::string& name, const Open& open) const {
   const CatalogueEntry* const entry = catalogue_.Find(name);
-  return entry != nullptr &&
-         (entry->table == open.table ||
-          (entry->movingTo.has_value() &&
-           TableOn(*entry->movingTo, NumberOf(entry->table)) == open.table));
+  return entry != nullptr && (entry->table == open.table ||
+                              (entry->movingTo.has_value() &&
+                               TableOn(*entry->movingTo, NumberOf(entry->table)) == open.table));
 }
 
 bool DurableStore::Exists(const std::string& name) const {

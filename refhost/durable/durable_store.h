@@ -166,7 +166,7 @@ class DurableStore {
   std::map<std::string, OpenPtr> open_;
   std::map<std::size_t, std::vector<OpenPtr>> spares_;  // by volume: empty files without a name
   std::size_t sparesAtOnce_ = 1;
-  std::set<std::string> removed_;  // since the last sync, of those in the catalogue
+  std::set<std::string> removed_;             // since the last sync, of those in the catalogue
   std::map<std::uint64_t, OpenPtr> retired_;  // open tables that the next sync deletes
 };
 

@@ -46,9 +46,8 @@ void DurableStore::SettleMoves() {
 
 void DurableStore::RequireFree(const std::string& name) const {
   if (Exists(name)) {
-    throw StoreError("there is a file '" + name + "' in the store " + directory_.path() +
-                         " already",
-                     EEXIST);
+    throw StoreError(
+        "there is a file '" + name + "' in the store " + directory_.path() + " already", EEXIST);
   }
 }
 
@@ -66,8 +65,7 @@ DurableStore::TableMove DurableStore::Rename(const std::string& name, const std:
   }
   const std::size_t volume = directory_.VolumeFor(newName);
   const std::uint64_t former = catalogue_.Find(name)->table;
-  const TableMove move =
-      volume == VolumeOf(former) ? TableMove::kStays : MoveTable(name, volume);
+  const TableMove move = volume == VolumeOf(former) ? TableMove::kStays : MoveTable(name, volume);
   CatalogueEntry entry = *catalogue_.Find(name);
   entry.table = TableOn(volume, NumberOf(former));
   entry.movingTo.reset();
@@ -123,7 +121,8 @@ void DurableStore::Snapshot(const std::string& name, const std::string& copy) {
   const OpenPtr open = Acquire(name, /*toChange=*/false);
   FinishMergesOf(open->file.get());
   CatalogueEntry entry = *catalogue_.Find(name);
-  // The table copies on its own file system; where the copy belongs elsewhere, it goes on from there.
+  // The table copies on its own file system; where the copy belongs elsewhere, it goes on from
+  // there.
   const std::uint64_t number = nextTable_++;
   const std::uint64_t made = TableOn(VolumeOf(open->table), number);
   entry.table = TableOn(directory_.VolumeFor(copy), number);

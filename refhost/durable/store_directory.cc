@@ -154,9 +154,9 @@ std::size_t StoreDirectory::VolumeFor(const std::string& name) const {
   const std::vector<std::string>& all = format_.volumes;
   const std::string chosen =
       Aldenta::Qnd::Morene::Zefs::GetExtentPathInMVolume(all, !all.empty(), name);
-  return all.empty() ? 0
-                     : static_cast<std::size_t>(std::find(all.begin(), all.end(), chosen) -
-                                                all.begin());
+  return all.empty()
+             ? 0
+             : static_cast<std::size_t>(std::find(all.begin(), all.end(), chosen) - all.begin());
 }
 
 void StoreDirectory::RequireVolumes() const {
@@ -208,8 +208,8 @@ void StoreDirectory::WriteFormat(const WantedFormat& wanted) const {
   }
   const std::vector<std::string> volumes = VolumesOf(wanted);
   std::string text = std::string(volumes.empty() ? kFirstLine : kFirstLineWithVolumes) +
-                     "\nsegment_size " + std::to_string(segmenter.segmentSize()) +
-                     "\ntable_type " + type + "\n";
+                     "\nsegment_size " + std::to_string(segmenter.segmentSize()) + "\ntable_type " +
+                     type + "\n";
   if (!volumes.empty()) {
     const std::string id = NewId();
     text += kIdKey + id + "\n";

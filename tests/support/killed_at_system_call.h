@@ -49,10 +49,12 @@ class KilledAtSystemCall {
     return KilledAtSystemCall(child, nth).Trace();
   }
 
-  /// Step from one call to the next: each, if ZEFS_TEST_EVERY_CALL is set, else fewer and fewer.
-  static int Next(int nth) {
-    constexpr int kFirstOfAll = 12;
-    return std::getenv("ZEFS_TEST_EVERY_CALL") != nullptr ? nth + 1 : nth + 2 + nth / kFirstOfAll;
+  /// The call to be killed at after the `nth`: the next, if ZEFS_TEST_EVERY_CALL is set, else one
+  /// some `steps` further on, the further the later it is.
+  static int Next(int nth, int steps) {
+    constexpr int kDenser = 12;
+    return std::getenv("ZEFS_TEST_EVERY_CALL") != nullptr ? nth + 1
+                                                          : nth + steps * (2 + nth / kDenser);
   }
 
  private:

@@ -1,6 +1,6 @@
 #include "refhost/cli/file_commands.h"
 
-#include <fcntl.h>
+#include <cstdlib>
 #include <sstream>
 #include <string>
 
@@ -8,10 +8,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <sys/wait.h>
 
 #include "refhost/cli/exit_status.h"
 #include "refhost/cli/store_commands.h"
 #include "tests/refhost/durable/durable_fixture.h"
+#include "tests/support/file_bytes.h"
 
 namespace zefs::refhost {
 namespace {
@@ -52,9 +54,7 @@ class FileCommands : public ::testing::Test {
     Forget();
     EXPECT_EQ(kExitFine, GetAndReport(store, name, In("back"), false, out, err)) << err.str();
     Forget();
-    const FileHandle file = FileHandle::Open(In("back"), O_RDONLY);
-    std::string bytes(static_cast<std::size_t>(file.Size()), '\0');
-    file.ReadAt(0, bytes.data(), bytes.size());
+    std::string bytes = test::BytesOf(In("back"));
     fs::remove(dir / "back");
     return bytes;
   }
@@ -174,8 +174,8 @@ TEST_F(FileCommands, NoCommandMakesAStore) {
   EXPECT_EQ(kExitCannotRun, SnapshotAndReport(store, one, two, false, out, err));
   const std::string reason =
       "cannot open the store " + store + ": No such file or directory (ENOENT)\n";
-  EXPECT_EQ("zefs-host truncate: " + reason + "zefs-host rm: " + reason + "zefs-host mv: " +
-                reason + "zefs-host snapshot: " + reason,
+  EXPECT_EQ("zefs-host truncate: " + reason + "zefs-host rm: " + reason +
+                "zefs-host mv: " + reason + "zefs-host snapshot: " + reason,
             err.str());
   EXPECT_EQ("", out.str());
   EXPECT_FALSE(fs::exists(store));
@@ -204,8 +204,8 @@ TEST_F(FileCommandLine, CommandsTakeTheirArguments) {
   fs::create_directory(dir / "v[1,2]");
   fs::create_directory(dir / "v2");
   testing::internal::CaptureStdout();
-  EXPECT_EQ(kExitFine, Parse({"put", store, one, two, "--volume", In("v[1,2]"), "--volume",
-                              In("v2")}));
+  EXPECT_EQ(kExitFine,
+            Parse({"put", store, one, two, "--volume", In("v[1,2]"), "--volume", In("v2")}));
   EXPECT_EQ(kExitFine, Parse({"snapshot", store, one, "[a,b]"}));
   EXPECT_EQ(kExitFine, Parse({"truncate", store, one, "1K"}));
   EXPECT_EQ(kExitFine, Parse({"mv", store, one, two, "--force", "--json"}));
@@ -220,6 +220,56 @@ TEST_F(FileCommandLine, BadSizesAreRefused) {
     parseError.clear();
     EXPECT_EQ(-1, Parse({"truncate", store, one, "--", size})) << size;
     EXPECT_NE("", parseError) << size;
+  }
+}
+
+/// The real command, a process for each step.
+class HostProcess : public FileCommands {
+ protected:
+  int Run(const std::string& arguments) {
+    const std::string command = std::string("'") + ZEFS_HOST + "' " + arguments + " >'" +
+                                In("stdout") + "' 2>'" + In("stderr") + "'";
+    const int status = std::system(command.c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  std::string Told(const char* where) const { return test::BytesOf(In(where)); }
+};
+
+TEST_F(HostProcess, FilesLiveThroughAllCommands) {
+  fs::create_directory(dir / "v1");
+  fs::create_directory(dir / "v2");
+  const std::string s = " '" + store + "' ";
+  ASSERT_EQ(0, Run("put" + s + In("tree") + " --volume " + In("v1") + " --volume " + In("v2")));
+  EXPECT_EQ(0, Run("snapshot" + s + one + " snap")) << Told("stderr");
+  EXPECT_EQ(0, Run("truncate" + s + one + " 10000 --json")) << Told("stderr");
+  EXPECT_EQ(10000, nlohmann::json::parse(Told("stdout")).at("bytes"));
+  for (int i = 0; i < 8; ++i) {  // back and forth over the volumes
+    const std::string now = "name " + std::to_string(i);
+    const std::string former = i == 0 ? one : "'name " + std::to_string(i - 1) + "'";
+    EXPECT_EQ(0, Run("mv" + s + former + " '" + now + "'")) << Told("stderr");
+  }
+  EXPECT_EQ(2, Run("mv" + s + "snap " + two));
+  EXPECT_EQ("zefs-host mv: there is a file '" + two + "' in the store " + store + " already\n",
+            Told("stderr"));
+  EXPECT_EQ("", Told("stdout"));
+  EXPECT_EQ(0, Run("mv" + s + "--force snap " + two)) << Told("stderr");
+  EXPECT_EQ(0, Run("verify" + s)) << Told("stderr");
+  EXPECT_EQ(0, Run("get" + s + two + " " + In("back")));
+  EXPECT_EQ(Pattern(1, 40000), test::BytesOf(In("back")));
+  EXPECT_EQ(0, Run("get" + s + "'name 7' " + In("cut")));
+  EXPECT_EQ(Pattern(1, 10000), test::BytesOf(In("cut")));
+  EXPECT_EQ(0, Run("rm" + s + two + " 'name 7'")) << Told("stderr");
+  EXPECT_EQ(0, Run("ls" + s));
+  EXPECT_EQ("", Told("stdout"));
+}
+
+TEST_F(HostProcess, WrongCommandLinesAreStatusTwo) {
+  for (const char* const arguments :
+       {"truncate", "truncate s n", "truncate s n -5", "rm s", "mv s a", "snapshot s a",
+        "put s . --volume /no/such/directory"}) {
+    EXPECT_EQ(2, Run(arguments)) << arguments;
+    EXPECT_THAT(Told("stderr"), StartsWith("zefs-host: ")) << arguments;
+    EXPECT_EQ("", Told("stdout"));
   }
 }
 
