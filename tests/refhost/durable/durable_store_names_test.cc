@@ -1,10 +1,13 @@
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "refhost/durable/store_figures.h"
 #include "refhost/host/log_recorder.h"
+#include "refhost/store/recount.h"
 #include "refhost/store/store_error.h"
 #include "tests/refhost/durable/whole_files_fixture.h"
 
@@ -120,6 +123,29 @@ TEST_F(DurableStoreNames, CutWorksOnTablesWithAJournal) {
   store().Truncate("a", 5 * kSegment + 7);
   Close();
   EXPECT_EQ(before.substr(0, 5 * kSegment + 7), ReadAll(store(), "a"));
+}
+
+/// After a cut two databases may have an extent under one key, of which the older shows its front:
+/// the table counts the newer only.
+TEST_F(DurableStoreNames, ReferencesOfACutTableAreComparedWhereNothingIsHidden) {
+  const test::SmallThresholds merging(1024, 1);
+  Put("a", 1, 4 * kSegment);
+  store().Sync();
+  store().CloseFiles();
+  const test::SmallThresholds gathering(1024, 100000);
+  store().Write("a", 2 * kSegment + 100, Pattern(2, 300));
+  store().Truncate("a", 2 * kSegment + 300);
+  store().WithTable("a", [](MappingTable& table) {
+    std::unordered_map<unsigned long, unsigned long> bytes;
+    std::vector<crfp_digest_t> fps;
+    table.GetDCIDAndFPs(&bytes, &fps);
+    EXPECT_EQ(4U, fps.size());
+    ReferenceCounts counts;
+    EXPECT_EQ("", StoredReferenceDifference(table, 2 * kSegment + 300, &counts));
+    EXPECT_EQ(4U, counts.extents);
+    EXPECT_EQ(2 * kSegment + 300, counts.bytesByDcid.at(64));
+    EXPECT_EQ(2 * kSegment + 200, bytes.at(64)) << "100 bytes less than are shown";
+  });
 }
 
 TEST_F(DurableStoreNames, RenamedFileIsThereUnderItsNewNameOnly) {
