@@ -29,8 +29,8 @@ struct DurableStoreOptions {
 
 /// Files by name that outlive the process. What Sync has seen is there after any crash, byte for
 /// byte; of what came later, a file that was begun anew is as it was at the last sync, and in one
-/// that was written over each byte is as of the last sync or as a later write made it. A file is cut,
-/// renamed or copied at once and whole.
+/// that was written over each byte is as of the last sync or as a later write made it. A file is
+/// cut, renamed or copied at once and whole.
 ///
 /// Names are any text but the empty one. Ranges outside of the offsets 0 to INT64_MAX are
 /// std::invalid_argument, a name that names no file std::out_of_range; all else is StoreError and
