@@ -249,7 +249,7 @@ DurableStore::OpenPtr DurableStore::OpenCatalogued(const std::string& name) {
   RequireFile(name);
   const CatalogueEntry entry = *catalogue_.Find(name);
   if (const auto retired = retired_.find(entry.table); retired != retired_.end()) {
-    const OpenPtr open = retired->second;  // the new version that was to replace it was not made
+    OpenPtr open = retired->second;  // the new version that was to replace it was not made
     retired_.erase(retired);
     open_.emplace(name, open);
     return open;
