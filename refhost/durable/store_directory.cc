@@ -212,10 +212,11 @@ void StoreDirectory::WriteFormat(const WantedFormat& wanted) const {
                      type + "\n";
   if (!volumes.empty()) {
     const std::string id = NewId();
+    const std::string own = "/zefs-" + id;
     text += kIdKey + id + "\n";
     for (const std::string& volume : volumes) {
       text += kVolumeKey + volume + "\n";
-      MakeDirectory(volume + "/zefs-" + id);  // before the store says that it is there
+      MakeDirectory(volume + own);  // before the store says that it is there
     }
   }
   const std::string fresh = path_ + "/" + kNewFormat;

@@ -65,7 +65,7 @@ void CopyDirectory(const std::string& from, const std::string& to) {
   for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
     const std::string name = entry->path().filename().string();
     if (entry->is_regular_file() && !IsLock(name)) {
-      CopyFile(entry->path().string(), to + "/" + name);
+      CopyFile(entry->path().string(), (fs::path(to) / name).string());
     }
   }
   if (error) {

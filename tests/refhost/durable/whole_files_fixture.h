@@ -27,7 +27,7 @@ inline std::string NameOn(const refhost::StoreDirectory& directory, std::size_t 
                           const std::string& stem) {
   constexpr int kTries = 1000;
   for (int i = 0; i < kTries; ++i) {
-    const std::string name = stem + std::to_string(i);
+    std::string name = stem + std::to_string(i);
     if (directory.VolumeFor(name) == volume) {
       return name;
     }
