@@ -246,7 +246,9 @@ TEST_F(HostProcess, FilesLiveThroughAllCommands) {
   for (int i = 0; i < 8; ++i) {  // back and forth over the volumes
     const std::string now = "name " + std::to_string(i);
     const std::string former = i == 0 ? one : "'name " + std::to_string(i - 1) + "'";
-    EXPECT_EQ(0, Run("mv" + s + former + " '" + now + "'")) << Told("stderr");
+    std::string arguments = "mv" + s;
+    arguments.append(former).append(" '").append(now).append("'");
+    EXPECT_EQ(0, Run(arguments)) << Told("stderr");
   }
   EXPECT_EQ(2, Run("mv" + s + "snap " + two));
   EXPECT_EQ("zefs-host mv: there is a file '" + two + "' in the store " + store + " already\n",
