@@ -246,11 +246,11 @@ void StoreDirectory::ReadFormat() {
   if (first == kFirstLineWithVolumes) {
     std::getline(lines, typeKey);  // the end of its line
     format_.id = NextOf(&lines, kIdKey);
-    for (std::string volume = NextOf(&lines, kVolumeKey); !volume.empty();
-         volume = NextOf(&lines, kVolumeKey)) {
-      format_.volumes.push_back(volume);
+    while (lines.peek() != std::istringstream::traits_type::eof()) {
+      format_.volumes.push_back(NextOf(&lines, kVolumeKey));
+      sound = sound && !format_.volumes.back().empty();
     }
-    sound = sound && IsId(format_.id) && !format_.volumes.empty() && lines.eof();
+    sound = sound && IsId(format_.id) && !format_.volumes.empty();
   } else {
     sound = sound && first == kFirstLine;
   }

@@ -94,8 +94,7 @@ TEST_F(StoreDirectoryTest, DamagedFormatIsRefused) {
         "zefs-host store 2\nsegment_size 4096\ntable_type PROVISION\nid 0123456789abcdef\n",
         "zefs-host store 2\nsegment_size 4096\ntable_type PROVISION\nid x\nvolume /tmp\n",
         "zefs-host store 2\nsegment_size 4096\ntable_type PROVISION\nvolume /tmp\n",
-        "zefs-host store 2\nsegment_size 512\ntable_type INGEST\nid 00ff00ff00ff00ff\nvolume "
-        "/\nx"}) {
+        "zefs-host store 2\nsegment_size 512\ntable_type INGEST\nid 00ff00ff00ff00ff\nx"}) {
     test::WriteFile(Path() + "/format", text);
     EXPECT_EQ(Path() + "/format is damaged, or of a store that this version does not know",
               Refused(Missing::kIsAnError))
