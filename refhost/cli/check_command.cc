@@ -88,12 +88,9 @@ Report ReportOf(const CheckResult& result, const CheckOptions& options, double s
   report.Data("seed", options.seed);
   report.Words("tables", "tables", NameOf(options.tables));
   if (options.tables == TableKind::kPersistent) {
-    report.Words("truncation", "files cut by", "mapping what stays into a new table");
     report.Count("flushes", "flushes of tables", result.activity.flushes);
     report.Count("merges", "merges of tables", result.activity.merges);
     report.Count("nodes", "nodes of the data cache, each released once", result.activity.nodes);
-  } else {
-    report.Words("truncation", "files cut by", "the tables");
   }
   if (options.keep) {
     report.Words("store", "store kept in", result.storePath);

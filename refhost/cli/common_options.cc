@@ -64,6 +64,16 @@ void AddTableType(CLI::App* command, std::optional<std::string>* type) {
       ->check(CLI::Validator([](const std::string& text) { return TableTypeProblem(text); }, ""));
 }
 
+void AddVolumes(CLI::App* command, std::vector<std::string>* volumes) {
+  command
+      ->add_option("--volume", *volumes,
+                   "Directory over which, with the others given, a new store spreads its tables")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->expected(1)
+      ->allow_extra_args(false)
+      ->check(CLI::ExistingDirectory);
+}
+
 void AddTableOptions(CLI::App* command, TableOptions* options, const TableOptions& usual) {
   const CLI::Range range(1U, std::numeric_limits<std::uint32_t>::max() / 4);
   const auto add = [&](const char* name, std::optional<std::uint32_t>* value, const char* what,

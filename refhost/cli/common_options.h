@@ -23,6 +23,9 @@ void AddSegmentSize(CLI::App* command, std::optional<std::uint64_t>* size);
 /// --table-type.
 void AddTableType(CLI::App* command, std::optional<std::string>* type);
 
+/// --volume, any number of times.
+void AddVolumes(CLI::App* command, std::vector<std::string>* volumes);
+
 /// When persistent tables flush and merge.
 struct TableOptions {
   std::optional<std::uint32_t> flushAfter;

@@ -104,13 +104,17 @@ void Report::Words(std::string key, std::string label, std::string words) {
   Add(std::move(key), std::move(label), std::move(shown), std::move(words));
 }
 
+void Report::Shown(std::string label, std::string figure) {
+  lines_.push_back({std::move(label), std::move(figure)});
+}
+
 void Report::Data(std::string key, nlohmann::ordered_json value) {
   object_[std::move(key)] = std::move(value);
 }
 
 void Report::Add(std::string key, std::string label, std::string figure,
                  nlohmann::ordered_json value) {
-  lines_.push_back({std::move(label), std::move(figure)});
+  Shown(std::move(label), std::move(figure));
   Data(std::move(key), std::move(value));
 }
 

@@ -27,6 +27,9 @@ class Report {
   void Ratio(std::string key, std::string label, double ratio);
   void Words(std::string key, std::string label, std::string words);
 
+  /// Adds a line that only the text shows: what JSON tells by Data.
+  void Shown(std::string label, std::string figure);
+
   /// Adds a value that only JSON shows: what the text tells elsewhere, or not at all.
   void Data(std::string key, nlohmann::ordered_json value);
 

@@ -48,6 +48,7 @@ void AddPut(CLI::App& app, int* exitStatus) {
   AddSegmentSize(command, &given->put.format.segmentSize);
   AddTableType(command, &given->put.format.tableType);
   AddTableOptions(command, &given->put.tables);
+  AddVolumes(command, &given->put.format.volumes);
   command->callback([given, exitStatus] {
     given->put.store = given->store;
     *exitStatus = PutAndReport(given->put, given->json, std::cout, std::cerr);

@@ -60,6 +60,18 @@ void AddReadAhead(const ReadAheadFigures& figures, Report* report) {
   report->Count("prefetch_misses", "extents read from their container", figures.misses);
 }
 
+/// A line for each volume, and for machines a list of them.
+void AddVolumes(const std::vector<std::string>& volumes, const std::vector<std::uint64_t>& tables,
+                Report* report) {
+  nlohmann::ordered_json list = nlohmann::ordered_json::array();
+  for (std::size_t i = 0; i < volumes.size(); ++i) {
+    list.push_back({{"path", volumes[i]}, {"tables", tables[i]}});
+    report->Shown("tables on volume " + std::to_string(i + 1),
+                  FormatCount(tables[i]) + " in " + Printable(volumes[i]));
+  }
+  report->Data("volumes", std::move(list));
+}
+
 /// Tells at its end what was skipped, whatever the end.
 struct SkippedTeller {
   const std::vector<Skipped>& skipped;
@@ -183,6 +195,7 @@ int StatAndReport(const std::string& store, bool json, std::ostream& out, std::o
     AddReadAhead(opened.formerReadAheadFigures(), &report);
     report.Data("segment_size", opened.directory().format().segmentSize);
     report.Words("table_type", "type of the tables", opened.directory().format().tableType);
+    AddVolumes(opened.directory().format().volumes, figures.tables, &report);
     Print("store", report, json, out);
     return kExitFine;
   });

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,12 +13,15 @@ namespace zefs::refhost {
 
 /// What the catalogue knows of one file.
 struct CatalogueEntry {
-  std::uint64_t table = 0;  ///< number of the directory of its extent map
-  std::int64_t size = 0;    ///< bytes at the last sync
+  std::uint64_t table = 0;  ///< its extent map: volume and number of the directory
+  std::int64_t size = 0;    ///< bytes at the last sync, or left by a cut since
   crfp_digest_t digest{};   ///< SHA-256 of all of them
   /// The file has been written to since its last sync: what is in its table may be newer than size
   /// and digest.
   bool changing = false;
+  // What the entry intends, which whoever opens the store or the file completes:
+  bool cut = false;  ///< the table ends at `size`; a crash may have come before it was cut
+  std::optional<std::size_t> movingTo;  ///< volume to which the table's directory is being renamed
 };
 
 /// The files of a store by name, kept in a database and, whole, in memory. Failures are

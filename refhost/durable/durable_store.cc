@@ -14,6 +14,7 @@
 
 #include "host/config.h"
 #include "host/zefs_log.h"
+#include "refhost/durable/table_directories.h"
 #include "refhost/store/store_error.h"
 #include "refhost/threads/for_all.h"
 
@@ -61,6 +62,7 @@ DurableStore::DurableStore(const std::string& path, const DurableStoreOptions& o
     // For the whole process, and never off again: what a table keeps would be shown again later.
     FileSystemDaemonConfig::GetInstance().Set(&FileSystemDaemonConfig::prefetchEnabled, 1);
   }
+  SettleMoves();
   RemoveOrphans();
 }
 
@@ -69,10 +71,12 @@ DurableStore::~DurableStore() {
     readRecord_.Add(figures);
   }
   open_.clear();
-  for (const OpenPtr& spare : spares_) {
-    spare->file.reset();
+  retired_.clear();
+  std::vector<OpenPtr> spares;
+  for (const auto& [volume, some] : spares_) {
+    spares.insert(spares.end(), some.begin(), some.end());
   }
-  ForAll(spares_.size(), kSyncThreads, [&](std::size_t i) { RemoveTable(spares_[i]->table); });
+  ForAll(spares.size(), kSyncThreads, [&](std::size_t i) { RemoveTable(spares[i].get()); });
 }
 
 /// Tables that the catalogue does not name are of versions that no sync has seen.
@@ -80,63 +84,109 @@ void DurableStore::RemoveOrphans() {
   std::set<std::uint64_t> known;
   for (const auto& [name, entry] : catalogue_.entries()) {
     known.insert(entry.table);
+    nextTable_ = std::max(nextTable_, NumberOf(entry.table) + 1);
   }
-  if (!known.empty()) {
-    nextTable_ = *known.rbegin() + 1;
+  for (std::size_t volume = 0; volume < directory_.volumes(); ++volume) {
+    RemoveOrphansOf(volume, known);
   }
+}
+
+void DurableStore::RemoveOrphansOf(std::size_t volume, const std::set<std::uint64_t>& known) const {
+  const std::string tables = directory_.tables(volume);
   std::error_code error;
-  fs::directory_iterator entry(directory_.tables(), error);
+  fs::directory_iterator entry(tables, error);
   for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
     const std::string name = entry->path().filename().string();
     std::uint64_t number = 0;
     const auto [end, problem] = std::from_chars(name.data(), name.data() + name.size(), number);
-    if (problem == std::errc() && end == name.data() + name.size() && known.count(number) == 0) {
-      RemoveTable(number);
+    if (problem == std::errc() && end == name.data() + name.size() &&
+        known.count(TableOn(volume, number)) == 0) {
+      RemoveTable(TableOn(volume, number));
     }
   }
   if (error) {
-    throw SystemError("list", directory_.tables(), error.value());
+    throw SystemError("list", tables, error.value());
   }
 }
 
-void DurableStore::RemoveTable(std::uint64_t number) const {
+void DurableStore::RemoveTable(std::uint64_t table) const {
   std::error_code error;
-  fs::remove_all(directory_.table(number), error);
+  fs::remove_all(directory_.table(table), error);
   if (error) {  // it is tried again when the store is opened
-    ZEFS_LOG(kLogRecoverable, "cannot remove the table %s: %s", directory_.table(number).c_str(),
+    ZEFS_LOG(kLogRecoverable, "cannot remove the table %s: %s", directory_.table(table).c_str(),
              ReasonOf(error.value()).c_str());
   }
 }
 
-DurableStore::OpenPtr DurableStore::NewVersion() {
-  if (spares_.empty()) {
-    MakeSpares();
+/// The same by the object that has it open, which ends with it.
+void DurableStore::RemoveTable(Open* open) const {
+  try {
+    open->file->RemoveTable();
+  } catch (const StoreError& error) {
+    ZEFS_LOG(kLogRecoverable, "%s", error.what());
   }
-  OpenPtr open = spares_.back();
-  spares_.pop_back();
+  open->file.reset();
+  RemoveTable(open->table);  // whatever is still there
+}
+
+/// Deletes tables that the catalogue has forgotten.
+void DurableStore::RemoveTables(const std::vector<std::uint64_t>& tables) {
+  ForAll(tables.size(), kSyncThreads, [&](std::size_t i) {
+    const auto open = retired_.find(tables[i]);
+    if (open != retired_.end()) {
+      RemoveTable(open->second.get());
+    } else {
+      RemoveTable(tables[i]);
+    }
+  });
+  for (const std::uint64_t table : tables) {
+    retired_.erase(table);
+  }
+}
+
+DurableStore::OpenPtr DurableStore::NewVersion(const std::string& name) {
+  const std::size_t volume = directory_.VolumeFor(name);
+  std::vector<OpenPtr>& spares = spares_[volume];
+  if (spares.empty()) {
+    MakeSpares(volume);
+  }
+  OpenPtr open = spares.back();
+  spares.pop_back();
   open->lastUse = ++uses_;
   return open;
 }
 
 /// A new table is several syncs, which many of them share when they are made together. The more are
 /// wanted, the more are made.
-void DurableStore::MakeSpares() {
+void DurableStore::MakeSpares(std::size_t volume) {
   std::vector<OpenPtr> made(sparesAtOnce_);
   for (OpenPtr& open : made) {
-    open = std::make_shared<Open>(nextTable_++, /*fresh=*/true);
+    open = std::make_shared<Open>(TableOn(volume, nextTable_++), /*fresh=*/true);
     open->changed = true;
   }
   ForAll(made.size(), kSyncThreads, [&](std::size_t i) {
     made[i]->file =
         std::make_unique<StoredFile>(services_, directory_.table(made[i]->table), 0, "");
   });
-  spares_ = std::move(made);
+  spares_[volume] = std::move(made);
   sparesAtOnce_ = std::min(2 * sparesAtOnce_, kMostSpares);
 }
 
 bool DurableStore::IsCatalogued(const std::string& name, const Open& open) const {
   const CatalogueEntry* const entry = catalogue_.Find(name);
-  return entry != nullptr && entry->table == open.table;
+  return entry != nullptr && (entry->table == open.table ||
+                              (entry->movingTo.has_value() &&
+                               TableOn(*entry->movingTo, NumberOf(entry->table)) == open.table));
+}
+
+bool DurableStore::Exists(const std::string& name) const {
+  return open_.count(name) != 0 || (catalogue_.Find(name) != nullptr && removed_.count(name) == 0);
+}
+
+void DurableStore::RequireFile(const std::string& name) const {
+  if (!Exists(name)) {
+    throw std::out_of_range("no file '" + name + "' in the store " + directory_.path());
+  }
 }
 
 /// Drops the version that is open, unless it is the one in the catalogue.
@@ -148,9 +198,22 @@ void DurableStore::DropVersion(const std::string& name) {
   const OpenPtr dropped = open->second;
   if (!IsCatalogued(name, *dropped)) {
     open_.erase(open);
-    dropped->file.reset();
-    RemoveTable(dropped->table);
+    RemoveTable(dropped.get());
   }
+}
+
+/// Takes the file out of those that are open. A table in the catalogue stays open for the sync that
+/// deletes it, unless there are many of these.
+void DurableStore::TakeOut(const std::string& name) {
+  DropVersion(name);
+  const auto open = open_.find(name);
+  if (open == open_.end()) {
+    return;
+  }
+  if (retired_.size() < options_.mostOpen) {
+    retired_[open->second->table] = open->second;
+  }
+  open_.erase(open);
 }
 
 void DurableStore::Create(const std::string& name) {
@@ -159,16 +222,15 @@ void DurableStore::Create(const std::string& name) {
   }
   MakeRoomFor(name);
   const std::unique_lock<std::shared_mutex> gate(gate_);
-  DropVersion(name);
-  open_[name] = NewVersion();
+  TakeOut(name);
+  open_[name] = NewVersion(name);
   removed_.erase(name);
 }
 
 void DurableStore::Remove(const std::string& name) {
   const std::unique_lock<std::shared_mutex> gate(gate_);
-  Acquire(name, /*toChange=*/false);
-  DropVersion(name);
-  open_.erase(name);
+  RequireFile(name);
+  TakeOut(name);
   if (catalogue_.Find(name) != nullptr) {
     removed_.insert(name);
   }
@@ -178,6 +240,11 @@ void DurableStore::Discard(const std::string& name) {
   const std::unique_lock<std::shared_mutex> gate(gate_);
   DropVersion(name);
   removed_.erase(name);
+  const CatalogueEntry* const entry = catalogue_.Find(name);
+  if (entry != nullptr && retired_.count(entry->table) != 0) {
+    open_[name] = retired_.at(entry->table);
+    retired_.erase(entry->table);
+  }
 }
 
 DurableStore::OpenPtr DurableStore::Acquire(const std::string& name, bool toChange) {
@@ -190,14 +257,26 @@ DurableStore::OpenPtr DurableStore::Acquire(const std::string& name, bool toChan
 }
 
 DurableStore::OpenPtr DurableStore::OpenCatalogued(const std::string& name) {
-  const CatalogueEntry* const entry = catalogue_.Find(name);
-  if (entry == nullptr || removed_.count(name) != 0) {
-    throw std::out_of_range("no file '" + name + "' in the store " + directory_.path());
+  RequireFile(name);
+  const CatalogueEntry entry = *catalogue_.Find(name);
+  if (const auto retired = retired_.find(entry.table); retired != retired_.end()) {
+    OpenPtr open = retired->second;  // the new version that was to replace it was not made
+    retired_.erase(retired);
+    open_.emplace(name, open);
+    return open;
+  }
+  const std::string directory = directory_.table(entry.table);
+  if (!IsDirectory(directory)) {  // a load would make an empty table
+    throw DamageError("the table of '" + name + "', " + directory + ", is gone");
   }
   CloseSome();
-  auto open = std::make_shared<Open>(entry->table, /*fresh=*/false);
-  open->file =
-      std::make_unique<StoredFile>(services_, directory_.table(entry->table), entry->size, name);
+  auto open = std::make_shared<Open>(entry.table, /*fresh=*/false);
+  open->file = std::make_unique<StoredFile>(services_, directory, entry.size, "");
+  if (entry.cut) {  // before anyone sees what a crash may have left behind the end
+    FinishMergesOf(open->file.get());
+    open->file->Cut(entry.size);
+  }
+  open->file->SetShare(name);
   open_.emplace(name, open);
   return open;
 }
@@ -218,19 +297,31 @@ int DurableStore::Protect(const std::string& share) {
 }
 
 /// Before a table in the catalogue changes on the disk: after a crash, size and digest would be
-/// those of other bytes.
+/// those of other bytes. A cut that was intended has been made by now, and what is stored behind it
+/// from now on shall stay.
 void DurableStore::MarkChanging(const std::vector<std::string>& names) {
   Catalogue::Entries marked;
   for (const std::string& name : names) {
     const CatalogueEntry* const entry = catalogue_.Find(name);
-    if (entry != nullptr && !entry->changing) {
+    if (entry != nullptr && (!entry->changing || entry->cut)) {
       marked[name] = *entry;
       marked[name].changing = true;
+      marked[name].cut = false;
     }
   }
   if (!marked.empty()) {
     catalogue_.Commit(marked);
   }
+}
+
+/// Before a table in the catalogue is cut, which its databases are one after the other: between
+/// them it would show what newer extents have hidden.
+void DurableStore::MarkCut(const std::string& name, std::int64_t size) {
+  CatalogueEntry entry = *catalogue_.Find(name);
+  entry.size = size;
+  entry.changing = true;
+  entry.cut = true;
+  catalogue_.Commit({{name, entry}});
 }
 
 /// Closes files that nobody uses and that are synced, those first that were used least recently.
@@ -261,10 +352,15 @@ bool DurableStore::Close(std::map<std::string, OpenPtr>::iterator at) {
 void DurableStore::CloseFiles() {
   const std::unique_lock<std::shared_mutex> gate(gate_);
   while (!open_.empty()) {
-    const std::string directory = open_.begin()->second->file->directory();
-    if (!Close(open_.begin())) {
-      throw StoreError("the merge of the table in " + directory + " does not come to an end", 0);
-    }
+    FinishMergesOf(open_.begin()->second->file.get());
+    open_.erase(open_.begin());
+  }
+}
+
+void DurableStore::FinishMergesOf(StoredFile* file) {
+  if (!file->FinishMerges()) {
+    throw StoreError("the merge of the table in " + file->directory() + " does not come to an end",
+                     0);
   }
 }
 
@@ -310,15 +406,16 @@ void DurableStore::Truncate(const std::string& name, std::int64_t size) {
     open->file->Grow(size);
     return;
   }
-  open->file->AwaitStored();
-  const OpenPtr cut = NewVersion();
-  cut->digest.GiveUp();
-  open->file->CopyFront(size, cut->file.get());
-  open_[name] = cut;
-  open->file.reset();
-  if (!IsCatalogued(name, *open)) {
-    RemoveTable(open->table);
+  // The table would count a node as released though a piece before the end has it, and a tmp
+  // database would keep what lies behind: there are none of either.
+  FlushAll(*open->file);
+  FinishMergesOf(open->file.get());
+  open->digest.GiveUp();
+  open->changed = true;
+  if (IsCatalogued(name, *open)) {
+    MarkCut(name, size);
   }
+  open->file->Cut(size);
 }
 
 /// Brings a file into its databases without telling the catalogue.
@@ -384,14 +481,16 @@ void DurableStore::SyncAll() {
     return;
   }
   ++syncs_;
-  SyncDirectory(directory_.tables());
+  for (std::size_t volume = 0; volume < directory_.volumes(); ++volume) {
+    SyncDirectory(directory_.tables(volume));
+  }
   catalogue_.Commit(entered, {removed_.begin(), removed_.end()});
   for (const auto& [name, entry] : entered) {
     open_[name]->changed = false;
     open_[name]->file->SetShare(name);
   }
   removed_.clear();
-  ForAll(replaced.size(), kSyncThreads, [&](std::size_t i) { RemoveTable(replaced[i]); });
+  RemoveTables(replaced);
 }
 
 CatalogueEntry DurableStore::SyncOne(Open* open) {

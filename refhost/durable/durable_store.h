@@ -31,7 +31,8 @@ struct DurableStoreOptions {
 
 /// Files by name that outlive the process. What Sync has seen is there after any crash, byte for
 /// byte; of what came later, a file that was begun anew is as it was at the last sync, and in one
-/// that was written over each byte is as of the last sync or as a later write made it.
+/// that was written over each byte is as of the last sync or as a later write made it. A file is
+/// cut, renamed or copied at once and whole.
 ///
 /// Names are any text but the empty one. Ranges outside of the offsets 0 to INT64_MAX are
 /// std::invalid_argument, a name that names no file std::out_of_range; all else is StoreError and
@@ -55,17 +56,32 @@ class DurableStore {
   /// the next sync.
   void Create(const std::string& name);
 
-  /// Forgets the file, for good with the next sync. What it stored stays in the containers.
+  /// Forgets the file, for good with the next sync, which deletes its table. What it stored stays
+  /// in the containers.
   void Remove(const std::string& name);
 
-  /// Takes back all that happened to the file since the last sync but writes over that version.
+  /// Takes back all that happened to the file since the last sync but changes of that version.
   void Discard(const std::string& name);
 
   void Write(const std::string& name, std::int64_t offset, std::string_view bytes);
 
-  /// Sets the size. A cut gives the file a new table, into which what stays is mapped: tables of
-  /// this version cannot be cut.
+  /// Sets the size. A cut is on the disk when this returns, whole: after a crash before that the
+  /// file is cut or is not, and what was written to it up to then is in its table.
   void Truncate(const std::string& name, std::int64_t size);
+
+  /// What became of a table whose file was renamed.
+  enum class TableMove { kStays, kRenamed, kCopied };
+
+  /// Syncs, and renames a file. Its table goes to the volume of the new name, if that is another
+  /// one. At each moment, and after a crash, the file is there under one of its names, whole. A
+  /// file `newName` is a StoreError, EEXIST, or, with `replace`, removed in the same moment. After
+  /// a failure the store should be opened again.
+  TableMove Rename(const std::string& name, const std::string& newName, bool replace);
+
+  /// Syncs, and makes the file `copy`, which is not there yet, of the file as it is now: a table of
+  /// its own over the same data. On the disk when this returns; after a crash it is there whole or
+  /// not at all.
+  void Snapshot(const std::string& name, const std::string& copy);
 
   /// Reads up to `size` bytes at `offset`; returns the bytes read, short only at the end of the
   /// file. Holes are zeros.
@@ -103,7 +119,7 @@ class DurableStore {
   struct Open {
     Open(std::uint64_t number, bool fresh) : table(number), digest(fresh) {}
 
-    std::uint64_t table;  // number of its directory
+    std::uint64_t table;  // volume and number of its directory
     std::unique_ptr<StoredFile> file;
     SequentialDigest digest;
     bool changed = false;       // since the last sync
@@ -111,22 +127,33 @@ class DurableStore {
   };
   using OpenPtr = std::shared_ptr<Open>;
 
+  void SettleMoves();
   void RemoveOrphans();
-  OpenPtr NewVersion();
-  void MakeSpares();
+  void RemoveOrphansOf(std::size_t volume, const std::set<std::uint64_t>& known) const;
+  OpenPtr NewVersion(const std::string& name);
+  void MakeSpares(std::size_t volume);
+  bool Exists(const std::string& name) const;
+  void RequireFile(const std::string& name) const;
+  void RequireFree(const std::string& name) const;
   OpenPtr Acquire(const std::string& name, bool toChange);
   OpenPtr OpenCatalogued(const std::string& name);
   int Protect(const std::string& share);
   void MarkChanging(const std::vector<std::string>& names);
+  void MarkCut(const std::string& name, std::int64_t size);
   void CloseSome();
   bool Close(std::map<std::string, OpenPtr>::iterator at);
   void MakeRoomFor(const std::string& name);
   void FlushAll(StoredFile& file);
+  static void FinishMergesOf(StoredFile* file);
   void SyncAll();
   CatalogueEntry SyncOne(Open* open);
   crfp_digest_t DigestByReading(const StoredFile& file) const;
+  TableMove MoveTable(const std::string& name, std::size_t volume);
   void DropVersion(const std::string& name);
-  void RemoveTable(std::uint64_t number) const;
+  void TakeOut(const std::string& name);
+  void RemoveTable(std::uint64_t table) const;
+  void RemoveTable(Open* open) const;
+  void RemoveTables(const std::vector<std::uint64_t>& tables);
   bool IsCatalogued(const std::string& name, const Open& open) const;
 
   const DurableStoreOptions options_;
@@ -144,12 +171,13 @@ class DurableStore {
   mutable std::shared_mutex gate_;  // shared: reads and writes; exclusive: all else
   mutable std::mutex mutex_;        // guards what follows where gate_ is shared
   Catalogue catalogue_;
-  std::uint64_t nextTable_ = 1;
+  std::uint64_t nextTable_ = 1;  // its number
   std::uint64_t uses_ = 0;
   std::map<std::string, OpenPtr> open_;
-  std::vector<OpenPtr> spares_;  // empty files without a name
+  std::map<std::size_t, std::vector<OpenPtr>> spares_;  // by volume: empty files without a name
   std::size_t sparesAtOnce_ = 1;
-  std::set<std::string> removed_;  // since the last sync, of those in the catalogue
+  std::set<std::string> removed_;             // since the last sync, of those in the catalogue
+  std::map<std::uint64_t, OpenPtr> retired_;  // open tables that the next sync deletes
 };
 
 }  // namespace zefs::refhost

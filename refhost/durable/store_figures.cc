@@ -59,10 +59,12 @@ void CountRecords(const std::string& directory, DatabaseRecords* records) {
 
 StoreFigures FiguresOf(DurableStore* store) {
   StoreFigures figures;
+  figures.tables.resize(store->directory().volumes());
   for (const auto& [name, entry] : store->Catalogued()) {
     ++figures.files;
     figures.changing += entry.changing ? 1 : 0;
     figures.logicalBytes += static_cast<std::uint64_t>(entry.size);
+    ++figures.tables.at(VolumeOf(entry.table));
     CountRecords(store->directory().table(entry.table), &figures.records);
   }
   figures.objects = store->objects().objects();
@@ -70,9 +72,13 @@ StoreFigures FiguresOf(DurableStore* store) {
     ++figures.containers;
     figures.containerBytes += static_cast<std::uint64_t>(status.st_size);
   });
-  ForAllBelow(store->directory().path(), [&](const struct stat& status) {
+  const auto addBlocks = [&](const struct stat& status) {
     figures.diskBytes += static_cast<std::uint64_t>(status.st_blocks) * kBlockBytes;
-  });
+  };
+  ForAllBelow(store->directory().path(), addBlocks);
+  for (std::size_t i = 0; i < store->directory().format().volumes.size(); ++i) {
+    ForAllBelow(store->directory().tables(i), addBlocks);
+  }
   return figures;
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "refhost/durable/durable_store.h"
 
@@ -26,6 +27,7 @@ struct StoreFigures {
   std::uint64_t containerBytes = 0;
   std::uint64_t diskBytes = 0;  ///< that the whole store takes
   DatabaseRecords records;
+  std::vector<std::uint64_t> tables;  ///< of files, by volume; one figure if there are no volumes
 };
 
 /// Adds the records of the table in `directory`, which is not open anywhere.

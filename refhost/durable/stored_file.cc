@@ -125,33 +125,33 @@ void StoredFile::FlushAll() {
   });
 }
 
-void StoredFile::CopyFront(std::int64_t size, StoredFile* target) const {
-  target->ChangeIt([&] {
-    for (std::int64_t at = 0; at < size;) {
-      const auto it = OnTable("read", directory(), [&] { return table().find(at, nullptr); });
-      if (it == table().end() || it->getSOff() >= size) {
-        break;
-      }
-      StoredTable::ObjectID id = it->getObjectID();
-      std::int32_t dcOffset = it->getDCOffset();
-      if (it->getData() != nullptr) {
-        const CacheNode& node = *CacheNode::FromTable(it->getData());
-        if (node.Stored(&id)) {
-          dcOffset = node.dcOffset;
-        }
-      }
-      target->table_.Insert(it->getSOff(), std::min(it->getEOff(), size), &id, it->getObjOff(),
-                            nullptr, dcOffset);
-      at = it->getEOff();
-    }
-    target->size_ = size;
-  });
-}
-
 bool StoredFile::FinishMerges() {
   bool finished = false;
   ChangeIt([&] { finished = table_.FinishMerges(); });
   return finished;
+}
+
+void StoredFile::Cut(std::int64_t size) {
+  ChangeIt([&] {
+    table_.Truncate(size);
+    size_ = size;
+  });
+}
+
+void StoredFile::SnapshotTable(const std::string& target) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  table_.Snapshot(target);  // which leaves this table as it is, also if it fails
+}
+
+void StoredFile::FollowTable(const std::string& directory) {
+  ChangeIt([&] { table_.Follow(directory); });
+}
+
+void StoredFile::RemoveTable() {
+  jobs_.Wait();
+  const std::lock_guard<std::mutex> lock(mutex_);
+  failure_ = "the table in " + directory() + " has been removed";
+  table_.Remove();
 }
 
 std::size_t StoredFile::Read(std::int64_t offset, char* out, std::size_t size) const {

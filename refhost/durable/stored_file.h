@@ -73,12 +73,19 @@ class StoredFile {
   /// is durable already, and all bytes are stored. Nobody writes meanwhile.
   void FlushAll();
 
-  /// Maps into `target`, which is empty, what this file has below `size`, without touching data.
-  /// All bytes written are stored, and nobody writes.
-  void CopyFront(std::int64_t size, StoredFile* target) const;
-
   /// As StoredTable::FinishMerges, of a file that has been flushed.
   bool FinishMerges();
+
+  // As the operations of StoredTable, of a file that has been flushed, whose merges are finished,
+  // and that nobody uses.
+
+  /// Cuts the file, which is larger.
+  void Cut(std::int64_t size);
+  void SnapshotTable(const std::string& target);
+  void FollowTable(const std::string& directory);
+
+  /// Deletes the table, whatever of it is flushed. The file can only be destroyed then.
+  void RemoveTable();
 
   MappingTable& table() const { return table_.table(); }
   const std::string& directory() const { return table_.directory(); }

@@ -1,5 +1,6 @@
 #include "refhost/tables/stored_table.h"
 
+#include <cerrno>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -163,6 +164,33 @@ void StoredTable::RaiseFileSize(std::int64_t size) {
   const int code = OnTable("resize", directory_, [&] { return table_->setFileSize(size); });
   if (code != 0) {
     throw TableError("resize", directory_, code);
+  }
+}
+
+void StoredTable::Truncate(std::int64_t size) {
+  const int code = OnTable("cut", directory_, [&] { return table_->truncate(size, nullptr); });
+  if (code != 0) {
+    throw TableError("cut", directory_, code);
+  }
+}
+
+void StoredTable::Snapshot(const std::string& target) {
+  const int code =
+      OnTable("copy", directory_, [&] { return table_->Snapshot(directory_, target); });
+  if (code != 0) {
+    throw TableError("copy", directory_, code);
+  }
+}
+
+void StoredTable::Follow(const std::string& directory) {
+  OnTable("move", directory, [&] { table_->UpdateExtPath(directory); });
+  directory_ = directory;
+}
+
+void StoredTable::Remove() {
+  const int code = OnTable("remove", directory_, [&] { return table_->remove(directory_); });
+  if (code != 0) {
+    throw TableError("remove", directory_, EIO);
   }
 }
 

@@ -63,6 +63,22 @@ class StoredTable {
   /// one. Nobody uses the table meanwhile, and all nodes have been handed back.
   bool FinishMerges();
 
+  // The following four have the table to themselves, and all nodes have been handed back.
+
+  /// Makes the table end at `size`. No merge is unfinished, or its tmp database would keep what
+  /// lies behind. After a failure some of its databases may be cut: it can be repeated.
+  void Truncate(std::int64_t size);
+
+  /// Copies what is flushed to the directory `target`, which is made, where it loads as a table. No
+  /// merge is unfinished, or its tmp database would be missing there.
+  void Snapshot(const std::string& target);
+
+  /// The directory has been renamed to `directory`: goes on there. No merge is unfinished.
+  void Follow(const std::string& directory);
+
+  /// Deletes the directory. The table can only be destroyed then.
+  void Remove();
+
   /// The stored size of the file, and a new one if that is larger.
   std::int64_t FileSize() const { return table_->getFileSize(); }
   void RaiseFileSize(std::int64_t size);

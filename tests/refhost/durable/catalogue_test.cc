@@ -45,6 +45,47 @@ TEST_F(CatalogueTest, EntriesLastAndComeByName) {
   EXPECT_TRUE(catalogue.Find("a")->changing);
 }
 
+TEST_F(CatalogueTest, IntentsLastAndGoWithTheEntryThatReplacesThem) {
+  CatalogueEntry entry = Entry(2);
+  entry.cut = true;
+  entry.movingTo = 0;
+  CatalogueEntry far = Entry(3);
+  far.movingTo = 999;
+  Catalogue(Path()).Commit({{"a", entry}, {"b", far}, {"c", Entry(2)}});
+  {
+    Catalogue catalogue(Path());
+    EXPECT_TRUE(catalogue.Find("a")->cut);
+    EXPECT_FALSE(catalogue.Find("a")->changing);
+    EXPECT_EQ(0U, catalogue.Find("a")->movingTo);
+    EXPECT_FALSE(catalogue.Find("b")->cut);
+    EXPECT_TRUE(catalogue.Find("b")->changing);
+    EXPECT_EQ(999U, catalogue.Find("b")->movingTo);
+    EXPECT_FALSE(catalogue.Find("c")->movingTo.has_value());
+    catalogue.Commit({{"a", Entry(2)}});
+  }
+  const Catalogue catalogue(Path());
+  EXPECT_FALSE(catalogue.Find("a")->cut);
+  EXPECT_FALSE(catalogue.Find("a")->movingTo.has_value());
+}
+
+TEST_F(CatalogueTest, StateOfAnotherVersionIsDamage) {
+  std::string value;
+  {
+    Catalogue(Path()).Commit({{"a", Entry(2)}});
+    LmdbFile file(Path(), 1 << 20);
+    std::string key;
+    file.ForEach([&](std::string_view k, std::string_view v) {
+      key = k;
+      value = v;
+    });
+    constexpr std::size_t kState = 48;  // its second byte has no meaning
+    value[kState + 1] = 1;
+    file.Apply({{key, value}});
+  }
+  EXPECT_EQ("the catalogue " + Path() + " has an entry that cannot be read",
+            test::ThrownText<DamageError>([&] { Catalogue catalogue(Path()); }));
+}
+
 TEST_F(CatalogueTest, EntryThatCannotBeReadIsDamage) {
   for (const std::string& value : {std::string("short"), std::string(60, 'x')}) {
     { LmdbFile(Path(), 1 << 20).Apply({{"key", value}}); }

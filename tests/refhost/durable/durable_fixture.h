@@ -51,6 +51,20 @@ inline refhost::DurableStoreOptions SmallStoreOptions() {
   return options;
 }
 
+/// Copies a directory and all below it to `to`, which is not there yet.
+inline void CopyTree(const boost::filesystem::path& from, const boost::filesystem::path& to) {
+  namespace fs = boost::filesystem;
+  fs::create_directory(to);
+  for (const fs::directory_entry& entry : fs::directory_iterator(from)) {
+    const fs::path target = to / entry.path().filename();
+    if (fs::is_directory(entry.status())) {
+      CopyTree(entry.path(), target);
+    } else {
+      fs::copy_file(entry.path(), target);
+    }
+  }
+}
+
 inline std::string ReadAll(refhost::DurableStore& store, const std::string& name) {
   std::string bytes(static_cast<std::size_t>(store.SizeOf(name)), '?');
   bytes.resize(store.Read(name, 0, bytes.data(), bytes.size()));

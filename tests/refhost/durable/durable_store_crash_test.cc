@@ -56,25 +56,13 @@ class DurableStoreCrash : public ::testing::TestWithParam<Call> {
       store.CloseFiles();
     })));
     fs::create_directory(dir_ / "before");
-    CopyStore(dir_ / "store", dir_ / "before/store");
+    test::CopyTree(dir_ / "store", dir_ / "before/store");
   }
 
   void Restore() const {
     fs::remove_all(Path());
     fs::remove(SyncedPath());
-    CopyStore(dir_ / "before/store", dir_ / "store");
-  }
-
-  static void CopyStore(const fs::path& from, const fs::path& to) {
-    fs::create_directory(to);
-    for (const fs::directory_entry& entry : fs::directory_iterator(from)) {
-      const fs::path target = to / entry.path().filename();
-      if (fs::is_directory(entry.status())) {
-        CopyStore(entry.path(), target);
-      } else {
-        fs::copy_file(entry.path(), target);
-      }
-    }
+    test::CopyTree(dir_ / "before/store", dir_ / "store");
   }
 
   void Change() const {

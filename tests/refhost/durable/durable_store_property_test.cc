@@ -27,9 +27,21 @@ constexpr int kStepsPerLife = 40;
 using Model = std::map<std::string, std::string>;
 
 struct Step {
-  enum Kind { kWrite, kAppend, kTruncate, kCreate, kRemove, kSync, kReopen, kReadBack };
+  enum Kind {
+    kWrite,
+    kAppend,
+    kTruncate,
+    kCreate,
+    kRemove,
+    kRename,
+    kSnapshot,
+    kSync,
+    kReopen,
+    kReadBack
+  };
   Kind kind;
   std::string name;
+  std::string other;
   std::size_t offset;
   std::string bytes;
 };
@@ -38,11 +50,13 @@ std::vector<Step> PlanLife(std::mt19937_64& random) {
   const auto below = [&random](std::size_t bound) { return random() % bound; };
   std::vector<Step> steps;
   for (int i = 0; i < kStepsPerLife; ++i) {
-    constexpr Step::Kind kKinds[] = {Step::kWrite,  Step::kWrite,  Step::kWrite,  Step::kWrite,
-                                     Step::kAppend, Step::kAppend, Step::kAppend, Step::kTruncate,
-                                     Step::kCreate, Step::kRemove, Step::kSync,   Step::kReadBack};
-    Step step{kKinds[below(std::size(kKinds))], std::string(1, static_cast<char>('a' + below(3))),
-              below(40 * kSegment), Pattern(below(50), 1 + below(4 * kSegment))};
+    constexpr Step::Kind kKinds[] = {
+        Step::kWrite,  Step::kWrite,    Step::kWrite,    Step::kWrite,  Step::kAppend,
+        Step::kAppend, Step::kAppend,   Step::kTruncate, Step::kCreate, Step::kRemove,
+        Step::kSync,   Step::kReadBack, Step::kTruncate, Step::kRename, Step::kSnapshot};
+    const auto anyName = [&] { return std::string(1, static_cast<char>('a' + below(3))); };
+    Step step{kKinds[below(std::size(kKinds))], anyName(), anyName(), below(40 * kSegment),
+              Pattern(below(50), 1 + below(4 * kSegment))};
     if (step.kind == Step::kSync && below(3) == 0) {
       step.kind = Step::kReopen;
     }
@@ -88,6 +102,23 @@ void Apply(const Step& step, Model* model, std::unique_ptr<DurableStore>* store,
       model->erase(step.name);
       break;
     case Step::kCreate:
+      break;
+    case Step::kRename:
+      if (exists && step.name != step.other) {
+        if (store != nullptr) {
+          (*store)->Rename(step.name, step.other, /*replace=*/true);
+        }
+        (*model)[step.other] = (*model)[step.name];
+        model->erase(step.name);
+      }
+      break;
+    case Step::kSnapshot:
+      if (exists && model->count(step.other) == 0) {
+        if (store != nullptr) {
+          (*store)->Snapshot(step.name, step.other);
+        }
+        (*model)[step.other] = (*model)[step.name];
+      }
       break;
     case Step::kSync:
     case Step::kReopen:

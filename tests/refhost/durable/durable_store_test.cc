@@ -117,17 +117,17 @@ TEST_F(DurableStoreTest, CutIsFinalWhetherWhatIsCutWasSyncedOrNot) {
     EXPECT_EQ(after, ReadAll(store(), name));
     EXPECT_EQ("", ProblemsOf(store()));
   }
-  EXPECT_EQ(2U, TablesIn(Path())) << "tables that were cut are gone";
+  EXPECT_EQ(2U, TablesIn(Path())) << "they have the tables that they had";
 }
 
-TEST_F(DurableStoreTest, CutThatIsNotSyncedDidNotHappen) {
+TEST_F(DurableStoreTest, CutIsThereWithoutASync) {
   store().Create("a");
   store().Write("a", 0, Pattern(1, 3000));
   SyncAndReopen();
   store().Truncate("a", 10);
   Close();
-  EXPECT_EQ(Pattern(1, 3000), ReadAll(store(), "a"));
-  EXPECT_FALSE(store().Catalogued().at("a").changing);
+  EXPECT_EQ(Pattern(1, 10), ReadAll(store(), "a"));
+  EXPECT_TRUE(store().Catalogued().at("a").changing);
 }
 
 TEST_F(DurableStoreTest, EqualDataIsStoredOnceAcrossLives) {

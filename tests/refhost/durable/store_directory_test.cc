@@ -1,5 +1,6 @@
 #include "refhost/durable/store_directory.h"
 
+#include <set>
 #include <stdexcept>
 #include <string>
 
@@ -89,12 +90,50 @@ TEST_F(StoreDirectoryTest, DamagedFormatIsRefused) {
   for (const char* const text :
        {"", "zefs-host store 2\nsegment_size 4096\ntable_type PROVISION\n",
         "zefs-host store 1\nsegment_size 1000\ntable_type PROVISION\n",
-        "zefs-host store 1\nsegment_size 4096\ntable_type X\n", "zefs-host store 1\n"}) {
+        "zefs-host store 1\nsegment_size 4096\ntable_type X\n", "zefs-host store 1\n",
+        "zefs-host store 2\nsegment_size 4096\ntable_type PROVISION\nid 0123456789abcdef\n",
+        "zefs-host store 2\nsegment_size 4096\ntable_type PROVISION\nid x\nvolume /tmp\n",
+        "zefs-host store 2\nsegment_size 4096\ntable_type PROVISION\nvolume /tmp\n",
+        "zefs-host store 2\nsegment_size 512\ntable_type INGEST\nid 00ff00ff00ff00ff\nx"}) {
     test::WriteFile(Path() + "/format", text);
     EXPECT_EQ(Path() + "/format is damaged, or of a store that this version does not know",
               Refused(Missing::kIsAnError))
         << text;
   }
+}
+
+TEST_F(StoreDirectoryTest, VolumesHaveADirectoryOfTheStore) {
+  WantedFormat wanted;
+  for (const char* const name : {"a volume", "v2"}) {
+    fs::create_directory(dir / name);
+    wanted.volumes.push_back((dir / name).string());
+  }
+  std::string first;
+  {
+    const StoreDirectory made(Path(), Missing::kIsMade, wanted);
+    EXPECT_EQ(2U, made.volumes());
+    first = made.tables(0);
+    EXPECT_EQ(fs::canonical(dir / "a volume").string() + "/zefs-" + made.format().id, first);
+    EXPECT_TRUE(fs::is_directory(first));
+    EXPECT_TRUE(fs::is_directory(made.tables(1)));
+    EXPECT_EQ(made.tables(1) + "/7", made.table(TableOn(1, 7)));
+    EXPECT_EQ(1U, VolumeOf(TableOn(1, 7)));
+    EXPECT_EQ(7U, NumberOf(TableOn(1, 7)));
+  }
+  const StoreDirectory opened(Path(), Missing::kIsAnError);
+  EXPECT_EQ(first, opened.tables(0));
+  std::set<std::size_t> chosen;
+  for (int i = 0; i < 20; ++i) {
+    chosen.insert(opened.VolumeFor(std::to_string(i)));
+  }
+  EXPECT_EQ((std::set<std::size_t>{0, 1}), chosen);
+}
+
+TEST_F(StoreDirectoryTest, StoreWithoutVolumesIsItsOwn) {
+  const StoreDirectory made(Path(), Missing::kIsMade);
+  EXPECT_EQ(1U, made.volumes());
+  EXPECT_EQ(0U, made.VolumeFor("any"));
+  EXPECT_EQ(Path() + "/tables/7", made.table(7));
 }
 
 TEST_F(StoreDirectoryTest, SecondOpenerIsRefusedWhileTheFirstIsThere) {

@@ -188,6 +188,70 @@ TEST_F(StoredTableTest, DirectoryWithAnUnfinishedMergeIsNotLoadedTwice) {
   EXPECT_TRUE(table.FinishMerges());
 }
 
+TEST_F(StoredTableTest, CutEndsItsExtentsAndItsSize) {
+  {
+    StoredTable table(Directory(), "PROVISION", &cache, &merges);
+    Write(table, 0, 10);
+    Write(table, 20, 30);
+    Write(table, 40, 50);
+    Flush(table, true);
+    table.Truncate(25);
+    EXPECT_EQ(25, table.FileSize());
+    table.Truncate(25);
+  }
+  const StoredTable table(Directory(), "PROVISION", &cache, &merges);
+  EXPECT_EQ(2, ExtentsOf(table.table()));
+  EXPECT_EQ(25, table.FileSize());
+}
+
+TEST_F(StoredTableTest, SnapshotLoadsAndIsATableOfItsOwn) {
+  const std::string target = (dir / "copy").string();
+  StoredTable table(Directory(), "PROVISION", &cache, &merges);
+  Write(table, 0, 10);
+  Flush(table, true);
+  table.RaiseFileSize(100);
+  const LogRecorder quiet;
+  table.Snapshot(target);
+  Write(table, 10, 20);
+  Flush(table, true);
+  const StoredTable copy(target, "PROVISION", &cache, &merges);
+  EXPECT_EQ(1, ExtentsOf(copy.table()));
+  EXPECT_EQ(100, copy.FileSize());
+  EXPECT_EQ("cannot copy the table in " + Directory() + ": File exists (EEXIST)",
+            ThrownText<StoreError>([&] { table.Snapshot(target); }));
+  EXPECT_EQ(2, ExtentsOf(table.table()));
+}
+
+TEST_F(StoredTableTest, FollowsItsDirectory) {
+  const std::string target = (dir / "moved").string();
+  {
+    StoredTable table(Directory(), "GENERIC", &cache, &merges);
+    Write(table, 0, 10);
+    Flush(table, true);
+    boost::filesystem::rename(Directory(), target);
+    table.Follow(target);
+    EXPECT_EQ(target, table.directory());
+    Write(table, 10, 20);
+    Flush(table, true);
+  }
+  EXPECT_FALSE(boost::filesystem::exists(Directory()));
+  const StoredTable table(target, "GENERIC", &cache, &merges);
+  EXPECT_EQ(2, ExtentsOf(table.table()));
+}
+
+TEST_F(StoredTableTest, RemovedDirectoryIsGoneAndCanBeMadeAnew) {
+  {
+    StoredTable table(Directory(), "PROVISION", &cache, &merges);
+    Write(table, 0, 10);
+    Flush(table, true);
+    table.Remove();
+    EXPECT_FALSE(boost::filesystem::exists(Directory()));
+  }
+  EXPECT_FALSE(boost::filesystem::exists(Directory())) << "nor has its end made it again";
+  const StoredTable table(Directory(), "PROVISION", &cache, &merges);
+  EXPECT_EQ(0, ExtentsOf(table.table()));
+}
+
 TEST_F(StoredTableTest, UnfinishedMergeCanBeFinished) {
   { const StoredTable table(Directory(), "PROVISION", &cache, &merges); }
   test::WriteFile(Directory() + "/tmp.mdb", "");
