@@ -6,6 +6,7 @@
 
 #include "refhost/cli/check_command.h"
 #include "refhost/cli/exit_status.h"
+#include "refhost/cli/gc_commands.h"
 #include "refhost/cli/printable.h"
 #include "refhost/cli/replay_command.h"
 #include "refhost/cli/store_commands.h"
@@ -35,6 +36,7 @@ int main(int argc, char** argv) {
   app.failure_message(UsageError);
   app.require_subcommand(1);
   zefs::refhost::AddStoreCommands(app, &exitStatus);
+  zefs::refhost::AddGcCommands(app, &exitStatus);
   zefs::refhost::AddCheckCommand(app, &exitStatus);
   zefs::refhost::AddReplayCommand(app, &exitStatus);
   try {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "host/zefs_log.h"
+#include "refhost/gc/catch_up.h"
 #include "refhost/store/store_error.h"
 #include "refhost/threads/for_all.h"
 
@@ -54,6 +55,24 @@ DurableStore::DurableStore(const std::string& path, const DurableStoreOptions& o
                 &merges_},
       catalogue_(directory_.catalogue()) {
   RemoveOrphans();
+  FinishCompactionIfAny();
+}
+
+void DurableStore::FinishCompactionIfAny() {
+  if (!IsCompacting(directory_)) {
+    return;
+  }
+  objects_.SetByFingerprint(true);
+  if (!options_.finishCompaction) {
+    return;
+  }
+  try {
+    Exclusively([](Still& still) { FinishCompaction(&still); });
+    CloseFiles();
+  } catch (const std::exception& error) {
+    ZEFS_LOG(kLogFailure, "the unfinished compaction of the store %s cannot be finished: %s",
+             directory_.path().c_str(), error.what());
+  }
 }
 
 DurableStore::~DurableStore() {
@@ -413,7 +432,22 @@ void DurableStore::WithTable(const std::string& name,
   if (open->changed) {
     FlushAll(*open->file);
   }
+  open->references.reset();  // `look` may ask for them, and the table keeps count of that
   OnTable("read", open->file->directory(), [&] { look(open->file->table()); });
+}
+
+void DurableStore::Exclusively(const std::function<void(Still&)>& work) {
+  const std::unique_lock<std::shared_mutex> gate(gate_);
+  SyncAll();
+  Still still(this);
+  work(still);
+}
+
+void DurableStore::Still::Visit(
+    const std::string& name,
+    const std::function<void(StoredFile& file, KeptReferences* kept)>& look) {
+  const OpenPtr open = store_.Acquire(name, /*toChange=*/false);
+  OnTable("look after", open->file->directory(), [&] { look(*open->file, &open->references); });
 }
 
 Catalogue::Entries DurableStore::Catalogued() const {

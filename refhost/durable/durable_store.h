@@ -19,12 +19,17 @@
 
 namespace zefs::refhost {
 
+struct TableReferences;
+
 struct DurableStoreOptions {
   StoreDirectory::Missing missing = StoreDirectory::Missing::kIsMade;
   WantedFormat format;
   std::uint32_t containerBytes = kDefaultContainerBytes;
   std::size_t workers = 0;    ///< threads that store data; 0: one for each processor, 4 at most
   std::size_t mostOpen = 64;  ///< tables kept open, as long as their files are synced
+  /// A compaction that was cut off is finished when the store is opened. Where that is not wanted,
+  /// or fails, everything can be read all the same, object by object through the index.
+  bool finishCompaction = true;
 };
 
 /// Files by name that outlive the process. What Sync has seen is there after any crash, byte for
@@ -81,6 +86,10 @@ class DurableStore {
   /// changes.
   void WithTable(const std::string& name, const std::function<void(MappingTable&)>& look);
 
+  /// Syncs, and runs `work` on the store while nobody else reads or writes.
+  class Still;
+  void Exclusively(const std::function<void(Still&)>& work);
+
   /// The files as of the last sync.
   Catalogue::Entries Catalogued() const;
 
@@ -99,12 +108,14 @@ class DurableStore {
     std::uint64_t table;  // number of its directory
     std::unique_ptr<StoredFile> file;
     SequentialDigest digest;
-    bool changed = false;       // since the last sync
-    std::uint64_t lastUse = 0;  // by the count of uses
+    bool changed = false;                               // since the last sync
+    std::uint64_t lastUse = 0;                          // by the count of uses
+    std::shared_ptr<const TableReferences> references;  // as last asked for
   };
   using OpenPtr = std::shared_ptr<Open>;
 
   void RemoveOrphans();
+  void FinishCompactionIfAny();
   OpenPtr NewVersion();
   void MakeSpares();
   OpenPtr Acquire(const std::string& name, bool toChange);
@@ -141,6 +152,27 @@ class DurableStore {
   std::vector<OpenPtr> spares_;  // empty files without a name
   std::size_t sparesAtOnce_ = 1;
   std::set<std::string> removed_;  // since the last sync, of those in the catalogue
+};
+
+/// A store in which all that was written is synced, and nothing happens but what this object does.
+class DurableStore::Still {
+ public:
+  using KeptReferences = std::shared_ptr<const TableReferences>;
+
+  explicit Still(DurableStore* store) : store_(*store) {}
+
+  const Catalogue::Entries& files() const { return store_.catalogue_.entries(); }
+  const StoreDirectory& directory() const { return store_.directory_; }
+  LastingObjects& objects() { return store_.objects_; }
+
+  /// Calls `look` with a file, which is opened if need be, and with what it keeps as long as it is
+  /// open: what its table referenced when it was last asked. Empty if it was not asked since
+  /// WithTable.
+  void Visit(const std::string& name,
+             const std::function<void(StoredFile& file, KeptReferences* kept)>& look);
+
+ private:
+  DurableStore& store_;
 };
 
 }  // namespace zefs::refhost

@@ -1,6 +1,8 @@
 #include "refhost/tables/stored_table.h"
 
+#include <cerrno>
 #include <mutex>
+#include <unistd.h>
 #include <utility>
 
 #include <boost/filesystem/exception.hpp>
@@ -18,6 +20,8 @@ using Aldenta::Qnd::Morene::Zefs::SysException;
 // Files of a table directory, as docs/formats.md names them.
 constexpr const char* kFullDatabase = "/data.mdb";
 constexpr const char* kTmpDatabase = "/tmp.mdb";
+constexpr const char* kBloom = "/bloom";
+constexpr const char* kNextBloom = "/bloom.merge";
 
 StoreError TableError(const char* action, const std::string& directory, int code) {
   return StoreError(std::string("cannot ") + action + " the table in " + directory + ": " +
@@ -28,6 +32,20 @@ StoreError TableError(const char* action, const std::string& directory, int code
 ino_t InodeOf(const std::string& path) {
   struct stat status {};
   return ::stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+/// A crash between the two last steps of a merge leaves the filter of the merge before beside the
+/// new database, and it would deny what the merge brought in. The next filter is there then under
+/// its first name, which goes last: until it is gone, the next load comes here again.
+void DropStaleBloom(const std::string& directory) {
+  if (InodeOf(directory + kNextBloom) == 0) {
+    return;
+  }
+  for (const char* const name : {kBloom, kNextBloom}) {
+    if (::unlink((directory + name).c_str()) != 0 && errno != ENOENT) {
+      throw SystemError("remove", directory + name, errno);
+    }
+  }
 }
 
 /// Directories that no object of this process may load any more: a destroyed one has left a
@@ -75,6 +93,7 @@ StoredTable::StoredTable(std::string directory, const std::string& type,
                          " again: a merge is unfinished there, which the next process takes up",
                      EBUSY);
   }
+  DropStaleBloom(directory_);
   const int code =
       OnTable("load", directory_, [this] { return table_->load(directory_, false, ""); });
   if (code != 0) {
