@@ -1,6 +1,7 @@
 #include "refhost/gc/compactor.h"
 
 #include <cerrno>
+#include <climits>
 #include <fcntl.h>
 #include <stdexcept>
 #include <string>
@@ -178,6 +179,21 @@ TEST_F(CompactorTest, AnswersOfRewrittenTablesAreNotKept) {
   Compact();
   const Collected collected = Collect();
   EXPECT_EQ(1U, collected.tablesAsked) << "the old answer has the old containers";
+  ExpectSoundNow("after the collection");
+}
+
+TEST_F(CompactorTest, WhatNewerRecordsHideHoldsNoContainer) {
+  PutSparse();
+  store().WithTable("stays", [](MappingTable& table) {
+    table.GetObjectIdsAndOffsets(0, LONG_MAX);  // merges, so that what follows hides it
+  });
+  store().Write("stays", 0, Segments(12, 32));
+  files_["stays"] = Segments(12, 32);
+  EXPECT_EQ(0U, Collect().containersRemoved) << "the table counts what is hidden";
+  const Compacted compacted = Compact();
+  EXPECT_EQ(8U, compacted.sparseContainers);
+  EXPECT_EQ(0U, compacted.objectsMoved);
+  EXPECT_EQ(8U, Collect().containersRemoved) << "the answer from before is not kept";
   ExpectSoundNow("after the collection");
 }
 
