@@ -66,13 +66,16 @@ void DurableStore::FinishCompactionIfAny() {
   if (!options_.finishCompaction) {
     return;
   }
-  try {
-    Exclusively([](Still& still) { FinishCompaction(&still); });
-    CloseFiles();
-  } catch (const std::exception& error) {
-    ZEFS_LOG(kLogFailure, "the unfinished compaction of the store %s cannot be finished: %s",
-             directory_.path().c_str(), error.what());
-  }
+  const auto attempt = [this](const auto& work) {
+    try {
+      work();
+    } catch (const std::exception& error) {
+      ZEFS_LOG(kLogFailure, "the unfinished compaction of the store %s cannot be finished: %s",
+               directory_.path().c_str(), error.what());
+    }
+  };
+  attempt([this] { Exclusively([](Still& still) { FinishCompaction(&still); }); });
+  attempt([this] { CloseFiles(); });
 }
 
 DurableStore::~DurableStore() {

@@ -56,7 +56,8 @@ class DurableStore {
   /// the next sync.
   void Create(const std::string& name);
 
-  /// Forgets the file, for good with the next sync. What it stored stays in the containers.
+  /// Forgets the file, for good with the next sync. What it stored stays in the containers
+  /// until a collection (refhost/gc).
   void Remove(const std::string& name);
 
   /// Takes back all that happened to the file since the last sync but writes over that version.

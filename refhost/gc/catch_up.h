@@ -31,8 +31,9 @@ void FinishCompaction(DurableStore::Still* still);
 MappingTable::ObjectIDs MergedExtents(StoredFile* file);
 
 /// Brings the extents of the file called `name` to where the index has their objects, and returns
-/// how many were elsewhere. `merged` says that nothing has happened since MergedExtents. Throws
-/// StoreError if the table does not take it.
+/// how many were elsewhere. `merged` says that nothing has happened since MergedExtents. The tables
+/// keep track of wanted offsets (dcOffsetTrackingEnabled). Throws StoreError if the table does not
+/// take the new places.
 std::uint64_t CatchUp(const std::string& name, StoredFile* file, const LastingObjects& objects,
                       bool merged);
 
