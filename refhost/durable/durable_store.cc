@@ -446,6 +446,23 @@ void DurableStore::Exclusively(const std::function<void(Still&)>& work) {
   work(still);
 }
 
+void DurableStore::Still::VisitAll(
+    const std::vector<std::string>& names,
+    const std::function<void(const std::string& name, StoredFile& file, KeptReferences* kept)>&
+        look) {
+  ForAll(names.size(), kSyncThreads, [&](std::size_t i) {
+    Visit(names[i], [&](StoredFile& file, KeptReferences* kept) { look(names[i], file, kept); });
+  });
+}
+
+std::vector<std::string> DurableStore::Still::Names() const {
+  std::vector<std::string> names;
+  for (const auto& [name, entry] : files()) {
+    names.push_back(name);
+  }
+  return names;
+}
+
 void DurableStore::Still::Visit(
     const std::string& name,
     const std::function<void(StoredFile& file, KeptReferences* kept)>& look) {

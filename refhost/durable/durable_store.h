@@ -163,8 +163,14 @@ class DurableStore::Still {
   explicit Still(DurableStore* store) : store_(*store) {}
 
   const Catalogue::Entries& files() const { return store_.catalogue_.entries(); }
+  std::vector<std::string> Names() const;  ///< of these
   const StoreDirectory& directory() const { return store_.directory_; }
   LastingObjects& objects() { return store_.objects_; }
+
+  /// Calls `look` with each of these files, as Visit, for several of them at once.
+  void VisitAll(const std::vector<std::string>& names,
+                const std::function<void(const std::string& name, StoredFile& file,
+                                         KeptReferences* kept)>& look);
 
   /// Calls `look` with a file, which is opened if need be, and with what it keeps as long as it is
   /// open: what its table referenced when it was last asked. Empty if it was not asked since

@@ -1,5 +1,6 @@
 #include "refhost/gc/catch_up.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
@@ -9,6 +10,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "host/config.h"
 #include "refhost/gc/table_references.h"
 #include "refhost/store/store_error.h"
 #include "table/extent.h"
@@ -19,6 +21,7 @@ namespace {
 
 using KeptReferences = DurableStore::Still::KeptReferences;
 
+constexpr std::uint32_t kFewRecords = 1024;
 constexpr std::int64_t kGivenUp = -2;  // as the table has it: an offset that nobody can tell
 
 /// An extent that is not where the index has its object.
@@ -144,18 +147,30 @@ void FinishCompaction(DurableStore::Still* still) {
     return;
   }
   still->objects().MakeDurable();
-  for (const auto& [name, entry] : still->files()) {
-    still->Visit(name, [&, &name = name](StoredFile& file, KeptReferences* kept) {
-      kept->reset();
-      std::set<std::uint64_t> named;
-      if (StraysOf(file, still->objects(), &named).empty()) {
-        DropHidden(&file, named);
-      } else {
-        CatchUp(name, &file, still->objects(), /*merged=*/false);
-      }
-    });
-  }
+  const SmallFilters small;
+  still->VisitAll(still->Names(),
+                  [&](const std::string& name, StoredFile& file, KeptReferences* kept) {
+                    kept->reset();
+                    std::set<std::uint64_t> named;
+                    if (StraysOf(file, still->objects(), &named).empty()) {
+                      DropHidden(&file, named);
+                    } else {
+                      CatchUp(name, &file, still->objects(), /*merged=*/false);
+                    }
+                  });
   EndCompacting(still);
+}
+
+SmallFilters::SmallFilters()
+    : before_(FileSystemDaemonConfig::GetInstance().Get(
+          &FileSystemDaemonConfig::mergeWaitEntriesThreshold)) {
+  FileSystemDaemonConfig::GetInstance().Set(&FileSystemDaemonConfig::mergeWaitEntriesThreshold,
+                                            std::min(before_, kFewRecords));
+}
+
+SmallFilters::~SmallFilters() {
+  FileSystemDaemonConfig::GetInstance().Set(&FileSystemDaemonConfig::mergeWaitEntriesThreshold,
+                                            before_);
 }
 
 MappingTable::ObjectIDs MergedExtents(StoredFile* file) {

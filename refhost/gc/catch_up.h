@@ -27,6 +27,20 @@ void EndCompacting(DurableStore::Still* still);
 /// and was not stays where it is.
 void FinishCompaction(DurableStore::Still* still);
 
+/// While it lives, merges leave room for few further records in their filters. A compaction merges
+/// many small tables, and each would get a megabyte. A filter that overflows says yes too often,
+/// until the next merge.
+class SmallFilters {
+ public:
+  SmallFilters();
+  ~SmallFilters();
+  SmallFilters(const SmallFilters&) = delete;
+  SmallFilters& operator=(const SmallFilters&) = delete;
+
+ private:
+  const std::uint32_t before_;
+};
+
 /// The extents of `file`, all of them in its full database. Merges it first.
 MappingTable::ObjectIDs MergedExtents(StoredFile* file);
 

@@ -1,6 +1,7 @@
 #include "refhost/gc/compactor.h"
 
 #include <algorithm>
+#include <mutex>
 #include <optional>
 #include <set>
 
@@ -55,25 +56,34 @@ class Compactor {
     }
     BeginCompacting(&still_);
     still_.objects().BeginContainer();  // the one that is written may be sparse
+    std::vector<std::string> names;
     for (const auto& [name, dcids] : survey.listedBy) {
       if (std::any_of(dcids.begin(), dcids.end(),
                       [this](std::uint64_t dcid) { return sparse_.count(dcid) != 0; })) {
-        still_.Visit(name, [&, &name = name](StoredFile& file, KeptReferences* kept) {
-          kept->reset();  // what is rewritten does not count as a change
-          CompactOne(name, &file);
-        });
+        names.push_back(name);
       }
     }
+    const SmallFilters small;
+    still_.VisitAll(names, [this](const std::string& name, StoredFile& file, KeptReferences* kept) {
+      kept->reset();  // what is only merged does not count as a change
+      CompactOne(name, &file);
+    });
     EndCompacting(&still_);
   }
 
  private:
   void CompactOne(const std::string& name, StoredFile* file) {
-    for (const auto& extent : MergedExtents(file)) {
-      MoveIfSparse(extent.objectID.fp);
+    const MappingTable::ObjectIDs extents = MergedExtents(file);
+    {
+      // Of one file after the other: what is read together lies together.
+      const std::lock_guard<std::mutex> lock(mutex_);
+      for (const auto& extent : extents) {
+        MoveIfSparse(extent.objectID.fp);
+      }
     }
-    still_.objects().MakeDurable();
+    still_.objects().MakeDurable();  // also what others have moved that this file shares
     const std::uint64_t rewritten = CatchUp(name, file, still_.objects(), /*merged=*/true);
+    const std::lock_guard<std::mutex> lock(mutex_);
     result_.extentsRewritten += rewritten;
     result_.tablesRewritten += rewritten != 0 ? 1 : 0;
   }
@@ -103,6 +113,7 @@ class Compactor {
   const StoreProgress& progress_;
   Compacted& result_;
   std::set<std::uint64_t> sparse_;
+  std::mutex mutex_;  // guards what follows, and result_
   std::set<crfp_digest_t> damaged_;
   std::uint64_t toMove_ = 0;
   std::uint64_t committed_ = 0;

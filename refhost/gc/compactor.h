@@ -24,8 +24,8 @@ struct Compacted {
   std::vector<std::string> damaged;  ///< objects that were left where they are, and why
 };
 
-/// Moves the live objects of sparse containers to new ones, each once and in the order in which
-/// files refer to them, and brings the tables to their new places. A container is sparse if less
+/// Moves the live objects of sparse containers to new ones, each once and those of a file
+/// together, and brings the tables to their new places. A container is sparse if less
 /// than `below` per cent of its bytes are live. The sparse ones stay until a collection.
 ///
 /// A crash or a failure in between costs nothing: every byte can be read at any time, and the next

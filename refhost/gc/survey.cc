@@ -1,6 +1,7 @@
 #include "refhost/gc/survey.h"
 
 #include <memory>
+#include <mutex>
 
 #include "refhost/gc/table_references.h"
 #include "refhost/host/sha256.h"
@@ -58,24 +59,24 @@ Survey TakeSurvey(DurableStore::Still* still, const StoreProgress& progress) {
   still->objects().ForEach([&](const crfp_digest_t& fp, const Location& where) {
     survey.containers[where.dcid].objects.push_back({fp, where.length, false});
   });
-  for (const auto& [name, entry] : still->files()) {
-    still->Visit(name, [&](StoredFile& file, KeptReferences* kept) {
-      if (*kept == nullptr || file.table().IsDataChanged()) {
-        kept->reset();
-        *kept = Ask(&file.table());
-        ++survey.asked;
-      } else {
-        ++survey.skipped;
-      }
-      Count(**kept, &survey);
-      for (const auto& [dcid, bytes] : (*kept)->bytesByDcid) {
-        survey.listedBy[name].push_back(dcid);
-      }
-    });
-    if (progress) {
-      progress("references", survey.asked + survey.skipped, still->files().size());
+  std::mutex mutex;
+  const std::vector<std::string> names = still->Names();
+  still->VisitAll(names, [&](const std::string& name, StoredFile& file, KeptReferences* kept) {
+    const bool asked = *kept == nullptr || file.table().IsDataChanged();
+    if (asked) {
+      kept->reset();
+      *kept = Ask(&file.table());
     }
-  }
+    const std::lock_guard<std::mutex> lock(mutex);
+    ++(asked ? survey.asked : survey.skipped);
+    Count(**kept, &survey);
+    for (const auto& [dcid, bytes] : (*kept)->bytesByDcid) {
+      survey.listedBy[name].push_back(dcid);
+    }
+    if (progress) {
+      progress("references", survey.asked + survey.skipped, names.size());
+    }
+  });
   return survey;
 }
 
