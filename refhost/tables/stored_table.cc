@@ -20,6 +20,7 @@ using Aldenta::Qnd::Morene::Zefs::SysException;
 // Files of a table directory, as docs/formats.md names them.
 constexpr const char* kFullDatabase = "/data.mdb";
 constexpr const char* kTmpDatabase = "/tmp.mdb";
+constexpr const char* kSmallDatabase = "/lsml0.mdb";
 constexpr const char* kBloom = "/bloom";
 constexpr const char* kNextBloom = "/bloom.merge";
 
@@ -44,6 +45,19 @@ void DropStaleBloom(const std::string& directory) {
   for (const char* const name : {kBloom, kNextBloom}) {
     if (::unlink((directory + name).c_str()) != 0 && errno != ENOENT) {
       throw SystemError("remove", directory + name, errno);
+    }
+  }
+}
+
+/// A process that dies while it makes a database can leave less of it than LMDB opens. Nothing has
+/// been committed to one that is shorter than its two first pages.
+void DropUnmadeDatabases(const std::string& directory) {
+  for (const char* const name : {kTmpDatabase, kSmallDatabase}) {
+    const std::string path = directory + name;
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0 && status.st_size < 2 * ::sysconf(_SC_PAGESIZE) &&
+        ::unlink(path.c_str()) != 0) {
+      throw SystemError("remove", path, errno);
     }
   }
 }
@@ -94,6 +108,7 @@ StoredTable::StoredTable(std::string directory, const std::string& type,
                      EBUSY);
   }
   DropStaleBloom(directory_);
+  DropUnmadeDatabases(directory_);
   const int code =
       OnTable("load", directory_, [this] { return table_->load(directory_, false, ""); });
   if (code != 0) {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <fstream>
 #include <memory>
 #include <set>
 #include <string>
@@ -196,6 +197,22 @@ TEST_F(StoredTableTest, FilterThatACrashLeftOfTheMergeBeforeIsNotAsked) {
     EXPECT_TRUE(filter->Contains(fp)) << static_cast<int>(object);
   }
   EXPECT_FALSE(boost::filesystem::exists(Directory() + "/bloom.merge"));
+}
+
+TEST_F(StoredTableTest, DatabaseThatACrashLeftHalfMadeIsMadeAnew) {
+  {
+    StoredTable table(Directory(), "PROVISION", &cache, &merges);
+    Write(table, 0, 100);
+    Flush(table, true);
+  }
+  constexpr std::size_t kOneOfTwoPages = 4096;
+  std::ifstream whole(Directory() + "/data.mdb", std::ios::binary);
+  std::string begin(kOneOfTwoPages, '\0');
+  whole.read(begin.data(), static_cast<std::streamsize>(begin.size()));
+  test::WriteFile(Directory() + "/tmp.mdb", begin);
+  const StoredTable table(Directory(), "PROVISION", &cache, &merges);
+  EXPECT_EQ(1, ExtentsOf(table.table()));
+  EXPECT_FALSE(boost::filesystem::exists(Directory() + "/tmp.mdb"));
 }
 
 }  // namespace
