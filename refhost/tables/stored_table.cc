@@ -49,14 +49,14 @@ void DropStaleBloom(const std::string& directory) {
   }
 }
 
-/// A process that dies while it makes a database can leave less of it than LMDB opens. Nothing has
-/// been committed to one that is shorter than its two first pages.
+/// A process that dies while it makes a database can leave less of it than LMDB opens, which is its
+/// two first pages or nothing at all. Nothing has been committed to one that is shorter.
 void DropUnmadeDatabases(const std::string& directory) {
   for (const char* const name : {kTmpDatabase, kSmallDatabase}) {
     const std::string path = directory + name;
     struct stat status {};
-    if (::stat(path.c_str(), &status) == 0 && status.st_size < 2 * ::sysconf(_SC_PAGESIZE) &&
-        ::unlink(path.c_str()) != 0) {
+    if (::stat(path.c_str(), &status) == 0 && status.st_size != 0 &&
+        status.st_size < 2 * ::sysconf(_SC_PAGESIZE) && ::unlink(path.c_str()) != 0) {
       throw SystemError("remove", path, errno);
     }
   }
