@@ -5,6 +5,7 @@
 #include "refhost/cli/exit_status.h"
 #include "refhost/cli/file_commands.h"
 #include "refhost/cli/report.h"
+#include "refhost/cli/store_support.h"
 #include "refhost/durable/durable_store.h"
 #include "refhost/store/store_error.h"
 
@@ -19,20 +20,12 @@ int ChangeAndReport(const char* command, const char* headline, const std::string
                     std::ostream& out, std::ostream& err,
                     const std::function<void(DurableStore*, Report*)>& change) {
   return RunCommand(command, err, [&] {
-    DurableStoreOptions options;
-    options.missing = StoreDirectory::Missing::kIsAnError;
-    DurableStore store(path, options);
+    DurableStore store(path, Existing());
     Report report;
     change(&store, &report);
     store.CloseFiles();
-    if (const std::string problem = store.nodes().Problem(); !problem.empty()) {
-      throw DamageError(problem);
-    }
-    if (json) {
-      out << report.Json();
-    } else {
-      out << headline << ":\n" << report.Text();
-    }
+    RequireSound(store.nodes());
+    Print(headline, report, json, out);
     return kExitFine;
   });
 }

@@ -7,6 +7,7 @@
 #include "refhost/cli/check_command.h"
 #include "refhost/cli/exit_status.h"
 #include "refhost/cli/file_commands.h"
+#include "refhost/cli/gc_commands.h"
 #include "refhost/cli/printable.h"
 #include "refhost/cli/replay_command.h"
 #include "refhost/cli/store_commands.h"
@@ -37,6 +38,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   zefs::refhost::AddStoreCommands(app, &exitStatus);
   zefs::refhost::AddFileCommands(app, &exitStatus);
+  zefs::refhost::AddGcCommands(app, &exitStatus);
   zefs::refhost::AddCheckCommand(app, &exitStatus);
   zefs::refhost::AddReplayCommand(app, &exitStatus);
   try {

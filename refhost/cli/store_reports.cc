@@ -1,4 +1,3 @@
-#include <chrono>
 #include <ostream>
 
 #include "refhost/cli/command_support.h"
@@ -6,6 +5,7 @@
 #include "refhost/cli/printable.h"
 #include "refhost/cli/report.h"
 #include "refhost/cli/store_commands.h"
+#include "refhost/cli/store_support.h"
 #include "refhost/durable/exporter.h"
 #include "refhost/durable/importer.h"
 #include "refhost/durable/store_figures.h"
@@ -18,34 +18,6 @@
 namespace zefs::refhost {
 
 namespace {
-
-class Stopwatch {
- public:
-  double seconds() const { return std::chrono::duration<double>(Clock::now() - start_).count(); }
-
- private:
-  using Clock = std::chrono::steady_clock;
-  Clock::time_point start_ = Clock::now();
-};
-
-double PerSecond(std::uint64_t count, double seconds) {
-  return seconds > 0 ? static_cast<double>(count) / seconds : 0;
-}
-
-DurableStoreOptions Existing(const ReadAheadOptions& readAhead = {}) {
-  DurableStoreOptions options;
-  options.readAhead = readAhead;
-  options.missing = StoreDirectory::Missing::kIsAnError;
-  return options;
-}
-
-void Print(const char* headline, const Report& report, bool json, std::ostream& out) {
-  if (json) {
-    out << report.Json();
-  } else {
-    out << headline << ":\n" << report.Text();
-  }
-}
 
 void AddNodes(const NodeCounts& nodes, Report* report) {
   report->Count("nodes", "nodes of the data cache", nodes.made);
@@ -78,12 +50,6 @@ struct SkippedTeller {
   std::ostream& err;
   ~SkippedTeller() { TellSkipped(skipped, err); }
 };
-
-void RequireSound(const NodeCounts& nodes) {
-  if (const std::string problem = nodes.Problem(); !problem.empty()) {
-    throw DamageError(problem);
-  }
-}
 
 }  // namespace
 

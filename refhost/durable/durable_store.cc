@@ -15,6 +15,7 @@
 #include "host/config.h"
 #include "host/zefs_log.h"
 #include "refhost/durable/table_directories.h"
+#include "refhost/gc/catch_up.h"
 #include "refhost/store/store_error.h"
 #include "refhost/threads/for_all.h"
 
@@ -64,6 +65,27 @@ DurableStore::DurableStore(const std::string& path, const DurableStoreOptions& o
   }
   SettleMoves();
   RemoveOrphans();
+  FinishCompactionIfAny();
+}
+
+void DurableStore::FinishCompactionIfAny() {
+  if (!IsCompacting(directory_)) {
+    return;
+  }
+  objects_.SetByFingerprint(true);
+  if (!options_.finishCompaction) {
+    return;
+  }
+  const auto attempt = [this](const auto& work) {
+    try {
+      work();
+    } catch (const std::exception& error) {
+      ZEFS_LOG(kLogFailure, "the unfinished compaction of the store %s cannot be finished: %s",
+               directory_.path().c_str(), error.what());
+    }
+  };
+  attempt([this] { Exclusively([](Still& still) { FinishCompaction(&still); }); });
+  attempt([this] { CloseFiles(); });
 }
 
 DurableStore::~DurableStore() {
@@ -523,7 +545,39 @@ void DurableStore::WithTable(const std::string& name,
   if (open->changed) {
     FlushAll(*open->file);
   }
+  open->references.reset();  // `look` may ask for them, and the table keeps count of that
   OnTable("read", open->file->directory(), [&] { look(open->file->table()); });
+}
+
+void DurableStore::Exclusively(const std::function<void(Still&)>& work) {
+  const std::unique_lock<std::shared_mutex> gate(gate_);
+  SyncAll();
+  Still still(this);
+  work(still);
+}
+
+void DurableStore::Still::VisitAll(
+    const std::vector<std::string>& names,
+    const std::function<void(const std::string& name, StoredFile& file, KeptReferences* kept)>&
+        look) {
+  ForAll(names.size(), kSyncThreads, [&](std::size_t i) {
+    Visit(names[i], [&](StoredFile& file, KeptReferences* kept) { look(names[i], file, kept); });
+  });
+}
+
+std::vector<std::string> DurableStore::Still::Names() const {
+  std::vector<std::string> names;
+  for (const auto& [name, entry] : files()) {
+    names.push_back(name);
+  }
+  return names;
+}
+
+void DurableStore::Still::Visit(
+    const std::string& name,
+    const std::function<void(StoredFile& file, KeptReferences* kept)>& look) {
+  const OpenPtr open = store_.Acquire(name, /*toChange=*/false);
+  OnTable("look after", open->file->directory(), [&] { look(*open->file, &open->references); });
 }
 
 Catalogue::Entries DurableStore::Catalogued() const {

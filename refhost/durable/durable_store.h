@@ -20,6 +20,8 @@
 
 namespace zefs::refhost {
 
+struct TableReferences;
+
 struct DurableStoreOptions {
   StoreDirectory::Missing missing = StoreDirectory::Missing::kIsMade;
   WantedFormat format;
@@ -27,6 +29,9 @@ struct DurableStoreOptions {
   std::size_t workers = 0;  ///< threads that store data; 0: one for each processor, 4 at most
   ReadAheadOptions readAhead;
   std::size_t mostOpen = 64;  ///< tables kept open, as long as their files are synced
+  /// A compaction that was cut off is finished when the store is opened. Where that is not wanted,
+  /// or fails, everything can be read all the same, object by object through the index.
+  bool finishCompaction = true;
 };
 
 /// Files by name that outlive the process. What Sync has seen is there after any crash, byte for
@@ -57,7 +62,7 @@ class DurableStore {
   void Create(const std::string& name);
 
   /// Forgets the file, for good with the next sync, which deletes its table. What it stored stays
-  /// in the containers.
+  /// in the containers until a collection (refhost/gc).
   void Remove(const std::string& name);
 
   /// Takes back all that happened to the file since the last sync but changes of that version.
@@ -101,6 +106,10 @@ class DurableStore {
   /// changes.
   void WithTable(const std::string& name, const std::function<void(MappingTable&)>& look);
 
+  /// Syncs, and runs `work` on the store while nobody else reads or writes.
+  class Still;
+  void Exclusively(const std::function<void(Still&)>& work);
+
   /// The files as of the last sync.
   Catalogue::Entries Catalogued() const;
 
@@ -122,8 +131,9 @@ class DurableStore {
     std::uint64_t table;  // volume and number of its directory
     std::unique_ptr<StoredFile> file;
     SequentialDigest digest;
-    bool changed = false;       // since the last sync
-    std::uint64_t lastUse = 0;  // by the count of uses
+    bool changed = false;                               // since the last sync
+    std::uint64_t lastUse = 0;                          // by the count of uses
+    std::shared_ptr<const TableReferences> references;  // as last asked for
   };
   using OpenPtr = std::shared_ptr<Open>;
 
@@ -135,6 +145,7 @@ class DurableStore {
   bool Exists(const std::string& name) const;
   void RequireFile(const std::string& name) const;
   void RequireFree(const std::string& name) const;
+  void FinishCompactionIfAny();
   OpenPtr Acquire(const std::string& name, bool toChange);
   OpenPtr OpenCatalogued(const std::string& name);
   int Protect(const std::string& share);
@@ -178,6 +189,33 @@ class DurableStore {
   std::size_t sparesAtOnce_ = 1;
   std::set<std::string> removed_;             // since the last sync, of those in the catalogue
   std::map<std::uint64_t, OpenPtr> retired_;  // open tables that the next sync deletes
+};
+
+/// A store in which all that was written is synced, and nothing happens but what this object does.
+class DurableStore::Still {
+ public:
+  using KeptReferences = std::shared_ptr<const TableReferences>;
+
+  explicit Still(DurableStore* store) : store_(*store) {}
+
+  const Catalogue::Entries& files() const { return store_.catalogue_.entries(); }
+  std::vector<std::string> Names() const;  ///< of these
+  const StoreDirectory& directory() const { return store_.directory_; }
+  LastingObjects& objects() { return store_.objects_; }
+
+  /// Calls `look` with each of these files, as Visit, for several of them at once.
+  void VisitAll(const std::vector<std::string>& names,
+                const std::function<void(const std::string& name, StoredFile& file,
+                                         KeptReferences* kept)>& look);
+
+  /// Calls `look` with a file, which is opened if need be, and with what it keeps as long as it is
+  /// open: what its table referenced when it was last asked. Empty if it was not asked since
+  /// WithTable.
+  void Visit(const std::string& name,
+             const std::function<void(StoredFile& file, KeptReferences* kept)>& look);
+
+ private:
+  DurableStore& store_;
 };
 
 }  // namespace zefs::refhost

@@ -50,6 +50,7 @@ std::string TableTypeProblem(const std::string& type);
 ///   lock              locked while a process has the store open
 ///   index.mdb         objects by fingerprint
 ///   catalogue.mdb     files by name
+///   compacting        there while a compaction is unfinished
 ///   containers/ID     data
 ///   tables/NUMBER/    the extent map of one version of a file
 ///
@@ -67,6 +68,7 @@ class StoreDirectory {
   const std::string& path() const { return path_; }
   std::string index() const { return path_ + "/index.mdb"; }
   std::string catalogue() const { return path_ + "/catalogue.mdb"; }
+  std::string compacting() const { return path_ + "/compacting"; }
   std::string containers() const { return path_ + "/containers"; }
   std::string readRecord() const { return path_ + "/reads"; }
 

@@ -71,7 +71,9 @@ void StoreVerifier::VerifyExtent(Ext& ext) {
   const DataCacheNode::ObjectID id = ext.getObjectID();
   const std::string object = std::string("object ") + TextOf(id.fp).data();
   const Location where = store_.objects().Locate(id);
-  if (ext.getDCOffset() >= 0 && static_cast<std::uint32_t>(ext.getDCOffset()) != where.offset) {
+  // While a compaction is unfinished the offsets of extents mean nothing, and nobody reads by them.
+  if (!store_.objects().byFingerprint() && ext.getDCOffset() >= 0 &&
+      static_cast<std::uint32_t>(ext.getDCOffset()) != where.offset) {
     throw DamageError(object + " lies at " + std::to_string(where.offset) +
                       " of its container, not at " + std::to_string(ext.getDCOffset()));
   }

@@ -178,8 +178,8 @@ std::size_t StoredFile::Read(std::int64_t offset, char* out, std::size_t size) c
 
 /// Has fetched what a sequential reader wants next. A failure is that of no read.
 void StoredFile::LookAhead(const FileRange& read) const {
-  if (read.start >= read.end) {
-    return;
+  if (read.start >= read.end || services_.objects->byFingerprint()) {
+    return;  // by fingerprint: what a plan says of containers means nothing
   }
   if (const std::optional<FileRange> range = reads_.Note(read, size_); range.has_value()) {
     try {
@@ -215,7 +215,8 @@ void StoredFile::ReadExtent(Ext& ext, std::int64_t offset, std::int64_t end, Sha
   if (lock->owns_lock()) {
     lock->unlock();
   }
-  if (services_.ahead->Read(ext.getObjectID().dcid, ext.getDCOffset(), objOff,
+  if (!services_.objects->byFingerprint() &&
+      services_.ahead->Read(ext.getObjectID().dcid, ext.getDCOffset(), objOff,
                             static_cast<std::uint32_t>(size), out)) {
     return;
   }

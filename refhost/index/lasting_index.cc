@@ -1,5 +1,6 @@
 #include "refhost/index/lasting_index.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string_view>
 #include <vector>
@@ -20,6 +21,17 @@ std::string_view KeyOf(const crfp_digest_t& fp) {
   return {reinterpret_cast<const char*>(fp.data()), fp.size()};
 }
 
+Location LocationIn(std::string_view value, const crfp_digest_t& fp) {
+  Location where{};
+  if (value.size() != sizeof where) {
+    throw DamageError(std::string("the index entry of ") +
+                      Aldenta::Qnd::Morene::Zefs::TextOf(fp).data() + " is " +
+                      std::to_string(value.size()) + " bytes long");
+  }
+  std::memcpy(&where, value.data(), sizeof where);
+  return where;
+}
+
 }  // namespace
 
 LastingIndex::LastingIndex(const std::string& path) : file_(path, kMapBytes) {}
@@ -32,14 +44,7 @@ std::optional<Location> LastingIndex::Find(const crfp_digest_t& fp) const {
   if (!stored.has_value()) {
     return std::nullopt;
   }
-  Location where{};
-  if (stored->size() != sizeof where) {
-    throw DamageError(std::string("the index entry of ") +
-                      Aldenta::Qnd::Morene::Zefs::TextOf(fp).data() + " is " +
-                      std::to_string(stored->size()) + " bytes long");
-  }
-  std::memcpy(&where, stored->data(), sizeof where);
-  return where;
+  return LocationIn(*stored, fp);
 }
 
 void LastingIndex::Insert(const crfp_digest_t& fp, const Location& where) {
@@ -59,6 +64,28 @@ void LastingIndex::Commit() {
   }
   file_.Apply(changes);
   fresh_ = {};
+}
+
+void LastingIndex::Remove(const std::vector<crfp_digest_t>& fps) {
+  Commit();
+  if (fps.empty()) {
+    return;
+  }
+  std::vector<LmdbFile::Change> changes;
+  changes.reserve(fps.size());
+  for (const crfp_digest_t& fp : fps) {
+    changes.push_back({std::string(KeyOf(fp)), std::nullopt});
+  }
+  file_.Apply(changes);
+}
+
+void LastingIndex::ForEach(
+    const std::function<void(const crfp_digest_t& fp, const Location& where)>& take) const {
+  file_.ForEach([&](std::string_view key, std::string_view value) {
+    crfp_digest_t fp{};
+    std::memcpy(fp.data(), key.data(), std::min(key.size(), fp.size()));
+    take(fp, LocationIn(value, fp));
+  });
 }
 
 }  // namespace zefs::refhost

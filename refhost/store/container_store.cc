@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <limits>
 #include <stdexcept>
+#include <unistd.h>
 #include <utility>
 
 #include "refhost/store/store_error.h"
@@ -21,9 +22,9 @@ using Aldenta::Qnd::Morene::Zefs::kFirstDcid;
 /// Open containers kept for reading. Reads go mostly to the few containers of one file.
 constexpr std::size_t kOpenForReading = 64;
 
-/// The id behind the highest one in `directory`; names that are no ids are left alone.
-std::uint64_t FirstFreeDcid(const std::string& directory) {
-  std::uint64_t next = kFirstDcid;
+/// Calls `take(id, entry)` for each container in `directory`; names that are no ids are left alone.
+template <typename Take>
+void ForEachContainer(const std::string& directory, const Take& take) {
   std::error_code error;
   std::filesystem::directory_iterator entry(directory, error);
   for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
@@ -31,12 +32,20 @@ std::uint64_t FirstFreeDcid(const std::string& directory) {
     std::uint64_t dcid = 0;
     const auto [end, problem] = std::from_chars(name.data(), name.data() + name.size(), dcid);
     if (problem == std::errc() && end == name.data() + name.size()) {
-      next = std::max(next, dcid + 1);
+      take(dcid, *entry);
     }
   }
   if (error) {
     throw SystemError("list", directory, error.value());
   }
+}
+
+/// The id behind the highest one in `directory`.
+std::uint64_t FirstFreeDcid(const std::string& directory) {
+  std::uint64_t next = kFirstDcid;
+  ForEachContainer(directory, [&next](std::uint64_t dcid, const auto& /*entry*/) {
+    next = std::max(next, dcid + 1);
+  });
   return next;
 }
 
@@ -101,6 +110,41 @@ void ContainerStore::Sync() {
   if (!namesSynced_) {
     SyncDirectory(directory_);
     namesSynced_ = true;
+  }
+}
+
+std::optional<std::uint64_t> ContainerStore::writing() const {
+  return writing_.has_value() ? std::optional(writing_->dcid) : std::nullopt;
+}
+
+std::map<std::uint64_t, std::uint64_t> ContainerStore::Sizes() const {
+  std::map<std::uint64_t, std::uint64_t> sizes;
+  ForEachContainer(directory_, [&](std::uint64_t dcid, const auto& entry) {
+    std::error_code error;
+    sizes[dcid] = entry.file_size(error);
+    if (error) {
+      throw SystemError("look at", entry.path().string(), error.value());
+    }
+  });
+  return sizes;
+}
+
+void ContainerStore::Remove(const std::vector<std::uint64_t>& dcids) {
+  for (const std::uint64_t dcid : dcids) {
+    if (dcid == writing()) {
+      continue;
+    }
+    // A descriptor would keep the bytes on the disk.
+    reading_.erase(std::remove_if(reading_.begin(), reading_.end(),
+                                  [dcid](const KeptOpen& one) { return one.dcid == dcid; }),
+                   reading_.end());
+    unsynced_.erase(dcid);
+    if (::unlink(PathOf(dcid).c_str()) != 0 && errno != ENOENT) {
+      throw SystemError("remove", PathOf(dcid), errno);
+    }
+  }
+  if (!dcids.empty()) {
+    SyncDirectory(directory_);
   }
 }
 

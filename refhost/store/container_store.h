@@ -2,10 +2,12 @@
 
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "refhost/store/file_handle.h"
 
@@ -26,10 +28,10 @@ struct OpenContainer {
 
 inline constexpr std::uint32_t kDefaultContainerBytes = 16 * 1024 * 1024;
 
-/// Append-only container files, named by their id, in one directory. Objects are never changed or
-/// removed; a container that is full is closed for good and the next one gets the next id. Failures
-/// are StoreErrors; a failed append leaves what was stored before as it was and may be tried again.
-/// Not synchronised.
+/// Append-only container files, named by their id, in one directory. Objects are never changed, and
+/// go only with their whole container; one that is full is closed for good and the next one gets
+/// the next id. Failures are StoreErrors; a failed append leaves what was stored before as it was
+/// and may be tried again. Not synchronised.
 class ContainerStore {
  public:
   /// Keeps containers in `directory`, which exists. Ids go on behind the highest one found there,
@@ -52,6 +54,19 @@ class ContainerStore {
   /// All that was appended is on the disk when this returns. After a failure what was appended
   /// since the last success may be lost.
   void Sync();
+
+  /// What is appended from now on goes to a new container.
+  void BeginAnother() { writing_.reset(); }
+
+  /// The container that is appended to, if there is one.
+  std::optional<std::uint64_t> writing() const;
+
+  /// Bytes of all containers in the directory, by id.
+  std::map<std::uint64_t, std::uint64_t> Sizes() const;
+
+  /// Removes containers for good, but for the one that is appended to: they are gone from the disk
+  /// when this returns. Those that are not there are passed over.
+  void Remove(const std::vector<std::uint64_t>& dcids);
 
   std::uint64_t containers() const { return containers_; }    ///< made by this object
   std::uint64_t storedBytes() const { return storedBytes_; }  ///< appended by this object

@@ -44,6 +44,9 @@ class DedupIndex final : public ObjectIndex {
     locations_.emplace(fp, where);
   }
 
+  /// Enters an object in place of any location that it has.
+  void Replace(const crfp_digest_t& fp, const Location& where) { locations_[fp] = where; }
+
   std::size_t size() const { return locations_.size(); }
   const Locations& locations() const { return locations_; }
 

@@ -40,7 +40,7 @@ Location ObjectStore::Locate(const DataCacheNode::ObjectID& id) const {
   if (!where.has_value()) {
     throw DamageError(NameOf(id) + " is not stored");
   }
-  if (where->dcid != id.dcid) {
+  if (where->dcid != id.dcid && !byFingerprint_) {
     throw DamageError(NameOf(id) + " is looked for in container " + std::to_string(id.dcid) +
                       " but lies in " + std::to_string(where->dcid));
   }
@@ -60,7 +60,7 @@ void ObjectStore::Read(const DataCacheNode::ObjectID& id, std::int64_t objOff, s
 
 void ObjectStore::Read(const DataCacheNode::ObjectID& id, std::int32_t dcOffset,
                        std::int64_t objOff, std::uint32_t size, char* out) const {
-  if (dcOffset < 0) {
+  if (dcOffset < 0 || byFingerprint_) {
     Read(id, objOff, size, out);
     return;
   }

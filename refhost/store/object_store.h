@@ -42,6 +42,11 @@ class ObjectStore {
   /// Where the object is stored. Throws DamageError as Read.
   Location Locate(const DataCacheNode::ObjectID& id) const;
 
+  /// While this is set, where an object lies is taken from the index alone: neither the container
+  /// that an id names nor an offset counts.
+  void SetByFingerprint(bool set) { byFingerprint_ = set; }
+  bool byFingerprint() const { return byFingerprint_; }
+
   std::uint64_t putBytes() const { return putBytes_; }  ///< given to Put, duplicates included
   std::uint64_t storedBytes() const { return containers_.storedBytes(); }
 
@@ -49,6 +54,7 @@ class ObjectStore {
   ContainerStore& containers_;
   ObjectIndex& index_;
   std::uint64_t putBytes_ = 0;
+  bool byFingerprint_ = false;
 };
 
 }  // namespace zefs::refhost

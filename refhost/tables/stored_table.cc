@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <mutex>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -20,6 +21,9 @@ using Aldenta::Qnd::Morene::Zefs::SysException;
 // Files of a table directory, as docs/formats.md names them.
 constexpr const char* kFullDatabase = "/data.mdb";
 constexpr const char* kTmpDatabase = "/tmp.mdb";
+constexpr const char* kSmallDatabase = "/lsml0.mdb";
+constexpr const char* kBloom = "/bloom";
+constexpr const char* kNextBloom = "/bloom.merge";
 
 StoreError TableError(const char* action, const std::string& directory, int code) {
   return StoreError(std::string("cannot ") + action + " the table in " + directory + ": " +
@@ -30,6 +34,33 @@ StoreError TableError(const char* action, const std::string& directory, int code
 ino_t InodeOf(const std::string& path) {
   struct stat status {};
   return ::stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+/// A crash between the two last steps of a merge leaves the filter of the merge before beside the
+/// new database, and it would deny what the merge brought in. The next filter is there then under
+/// its first name, which goes last: until it is gone, the next load comes here again.
+void DropStaleBloom(const std::string& directory) {
+  if (InodeOf(directory + kNextBloom) == 0) {
+    return;
+  }
+  for (const char* const name : {kBloom, kNextBloom}) {
+    if (::unlink((directory + name).c_str()) != 0 && errno != ENOENT) {
+      throw SystemError("remove", directory + name, errno);
+    }
+  }
+}
+
+/// A process that dies while it makes a database can leave less of it than LMDB opens, which is its
+/// two first pages or nothing at all. Nothing has been committed to one that is shorter.
+void DropUnmadeDatabases(const std::string& directory) {
+  for (const char* const name : {kTmpDatabase, kSmallDatabase}) {
+    const std::string path = directory + name;
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0 && status.st_size != 0 &&
+        status.st_size < 2 * ::sysconf(_SC_PAGESIZE) && ::unlink(path.c_str()) != 0) {
+      throw SystemError("remove", path, errno);
+    }
+  }
 }
 
 /// Directories that no object of this process may load any more: a destroyed one has left a
@@ -77,6 +108,8 @@ StoredTable::StoredTable(std::string directory, const std::string& type,
                          " again: a merge is unfinished there, which the next process takes up",
                      EBUSY);
   }
+  DropStaleBloom(directory_);
+  DropUnmadeDatabases(directory_);
   const int code =
       OnTable("load", directory_, [this] { return table_->load(directory_, false, ""); });
   if (code != 0) {

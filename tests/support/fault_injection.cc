@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <sys/stat.h>
+#include <sys/uio.h>
 
 namespace zefs::test {
 namespace {
@@ -312,6 +313,24 @@ ZEFS_INTERPOSE_CALL(kUnlink, unlink, (const char* path) noexcept, (path), path)
 ZEFS_INTERPOSE_CALL(kMkdir, mkdir, (const char* path, mode_t mode) noexcept, (path, mode), path)
 ZEFS_INTERPOSE_CALL(kStat, stat64, (const char* path, struct stat64* out) noexcept, (path, out),
                     path)
+// Those of LMDB's library as well: it makes them through the C library. Weak: a program may bring
+// its own in the place of these.
+#pragma weak fdatasync
+#pragma weak ftruncate
+#pragma weak pwrite
+#pragma weak writev
+ZEFS_INTERPOSE_CALL(kFdatasync, fdatasync, (int fd), (fd), fd)
+ZEFS_INTERPOSE_CALL(kFtruncate, ftruncate, (int fd, off_t size) noexcept, (fd, size), fd)
+ZEFS_INTERPOSE ssize_t pwrite(int fd, const void* buffer, std::size_t size, off_t offset) {
+  ZEFS_NEXT(pwrite);
+  const auto verdict = zefs::test::Judge(zefs::test::Call::kPwrite, size, fd);
+  return verdict.fails ? zefs::test::Refuse(verdict) : next(fd, buffer, size, offset);
+}
+ZEFS_INTERPOSE ssize_t writev(int fd, const struct iovec* parts, int count) {
+  ZEFS_NEXT(writev);
+  const auto verdict = zefs::test::Judge(zefs::test::Call::kWritev, 0, fd);
+  return verdict.fails ? zefs::test::Refuse(verdict) : next(fd, parts, count);
+}
 
 ZEFS_INTERPOSE ssize_t read(int fd, void* buffer, std::size_t size) {
   ZEFS_NEXT(read);

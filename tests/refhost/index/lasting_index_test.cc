@@ -60,5 +60,46 @@ TEST_F(LastingIndexTest, EntryOfAnotherLengthIsDamage) {
                 }).find("the index entry of 0101"));
 }
 
+TEST_F(LastingIndexTest, ReplacedLocationCountsBeforeAndAfterTheCommit) {
+  LastingIndex index(Path());
+  index.Insert(Fingerprint(1), {64, 5, 7});
+  index.Commit();
+  index.Replace(Fingerprint(1), {65, 9, 7});
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(65U, index.Find(Fingerprint(1))->dcid);
+    index.Commit();
+  }
+  EXPECT_EQ(1U, index.size());
+}
+
+TEST_F(LastingIndexTest, RemovedObjectsAreForgottenForGood) {
+  {
+    LastingIndex index(Path());
+    for (unsigned char i = 1; i <= 3; ++i) {
+      index.Insert(Fingerprint(i), {64, i, 1});
+    }
+    index.Remove({Fingerprint(1), Fingerprint(3), Fingerprint(9)});
+    EXPECT_FALSE(index.Find(Fingerprint(1)).has_value()) << "though it was not committed";
+    EXPECT_EQ(1U, index.size());
+  }
+  const LastingIndex index(Path());
+  EXPECT_TRUE(index.Find(Fingerprint(2)).has_value()) << "a removal commits the rest";
+  EXPECT_EQ(1U, index.size());
+}
+
+TEST_F(LastingIndexTest, AllThatIsCommittedIsVisited) {
+  LastingIndex index(Path());
+  index.Insert(Fingerprint(2), {65, 1, 4});
+  index.Insert(Fingerprint(1), {64, 0, 3});
+  index.Commit();
+  index.Insert(Fingerprint(3), {66, 0, 3});
+  std::string seen;
+  index.ForEach([&seen](const crfp_digest_t& fp, const Location& where) {
+    seen += std::to_string(fp[0]) + ":" + std::to_string(where.dcid) + "+" +
+            std::to_string(where.length) + " ";
+  });
+  EXPECT_EQ("1:64+3 2:65+4 ", seen);
+}
+
 }  // namespace
 }  // namespace zefs::refhost

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -195,6 +196,45 @@ TEST(ContainerStore, AppendThatBreaksOffInTheMiddleCanBeRepeated) {
   const TempDir dir;
   EXPECT_TRUE(test::EndedWell(
       test::RunInChild([&] { EXPECT_EQ(0, FillUpToTheLimit(dir.path().string())); })));
+}
+
+TEST(ContainerStore, SizesAreThoseOfTheFiles) {
+  const TempDir dir;
+  ContainerStore store(dir.path().string(), 10);
+  EXPECT_TRUE(store.Sizes().empty());
+  store.Append("1234567");
+  store.Append("12345");
+  test::WriteFile(dir / "no number", "x");
+  const std::map<std::uint64_t, std::uint64_t> expected = {{64, 7}, {65, 5}};
+  EXPECT_EQ(expected, store.Sizes());
+}
+
+TEST(ContainerStore, RemovedContainersAreGoneButTheOneThatIsWritten) {
+  const TempDir dir;
+  ContainerStore store(dir.path().string(), 4);
+  EXPECT_FALSE(store.writing().has_value());
+  const Location first = store.Append("1234");
+  const Location last = store.Append("5678");
+  EXPECT_EQ("1234", ReadBack(store, first)) << "and the container stays open for reading";
+  EXPECT_EQ(65U, store.writing());
+  store.Remove({64, 65, 77});
+  EXPECT_EQ("container " + (dir / "64").string() + " is gone",
+            ThrownText<DamageError>([&] { ReadBack(store, first); }));
+  EXPECT_EQ("5678", ReadBack(store, last));
+  store.Sync();
+}
+
+TEST(ContainerStore, AnotherContainerIsBegunWhenItIsAskedFor) {
+  const TempDir dir;
+  ContainerStore store(dir.path().string());
+  const Location before = store.Append("abc");
+  store.BeginAnother();
+  EXPECT_FALSE(store.writing().has_value());
+  const Location after = store.Append("def");
+  EXPECT_EQ(65U, after.dcid);
+  EXPECT_EQ(0U, after.offset);
+  EXPECT_EQ("abc", ReadBack(store, before));
+  store.Sync();
 }
 
 }  // namespace

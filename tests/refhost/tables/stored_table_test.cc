@@ -2,12 +2,17 @@
 
 #include <atomic>
 #include <cerrno>
+#include <fstream>
+#include <memory>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "host/bloom_filter.h"
 #include "refhost/cache/data_cache.h"
 #include "refhost/cache/node_ledger.h"
 #include "refhost/host/log_recorder.h"
@@ -262,6 +267,50 @@ TEST_F(StoredTableTest, UnfinishedMergeCanBeFinished) {
   }
   const StoredTable table(Directory(), "PROVISION", &cache, &merges);
   EXPECT_EQ(0, ExtentsOf(table.table()));
+}
+
+TEST_F(StoredTableTest, FilterThatACrashLeftOfTheMergeBeforeIsNotAsked) {
+  {
+    StoredTable table(Directory(), "PROVISION", &cache, &merges);
+    Write(table, 0, 100);
+    Flush(table, true);
+    table.table().GetObjectIdsAndOffsets(0, 1000);  // merges
+    ASSERT_TRUE(table.FinishMerges());
+    boost::filesystem::copy_file(Directory() + "/bloom", dir / "older");
+    Write(table, 100, 200);
+    Flush(table, true);
+    table.table().GetObjectIdsAndOffsets(0, 1000);
+    ASSERT_TRUE(table.FinishMerges());
+  }
+  // As a process leaves them that dies after the databases were switched and before the filters.
+  boost::filesystem::rename(Directory() + "/bloom", Directory() + "/bloom.merge");
+  boost::filesystem::rename(dir / "older", Directory() + "/bloom");
+  const StoredTable table(Directory(), "PROVISION", &cache, &merges);
+  std::vector<std::pair<unsigned long, unsigned long>> dcids;
+  std::unique_ptr<BloomFilter> filter;
+  table.table().GetDCIDAndBloomFilter(&dcids, &filter);
+  for (unsigned char object = 1; object <= 2; ++object) {
+    crfp_digest_t fp{};
+    fp.fill(object);
+    EXPECT_TRUE(filter->Contains(fp)) << static_cast<int>(object);
+  }
+  EXPECT_FALSE(boost::filesystem::exists(Directory() + "/bloom.merge"));
+}
+
+TEST_F(StoredTableTest, DatabaseThatACrashLeftHalfMadeIsMadeAnew) {
+  {
+    StoredTable table(Directory(), "PROVISION", &cache, &merges);
+    Write(table, 0, 100);
+    Flush(table, true);
+  }
+  constexpr std::size_t kOneOfTwoPages = 4096;
+  std::ifstream whole(Directory() + "/data.mdb", std::ios::binary);
+  std::string begin(kOneOfTwoPages, '\0');
+  whole.read(begin.data(), static_cast<std::streamsize>(begin.size()));
+  test::WriteFile(Directory() + "/tmp.mdb", begin);
+  const StoredTable table(Directory(), "PROVISION", &cache, &merges);
+  EXPECT_EQ(1, ExtentsOf(table.table()));
+  EXPECT_FALSE(boost::filesystem::exists(Directory() + "/tmp.mdb"));
 }
 
 }  // namespace
