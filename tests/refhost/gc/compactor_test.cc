@@ -71,6 +71,36 @@ TEST_F(CompactorTest, SparseContainersAreEmptiedForTheNextCollection) {
   ExpectSoundNow("in the next life");
 }
 
+/// Readers in small steps have the file fetched ahead; a moved object must not be shown from where
+/// it was, and nothing is fetched while extents do not tell where objects are.
+TEST_F(CompactorTest, WhatWasFetchedAheadBeforeIsNotShownInPlaceOfWhatWasMoved) {
+  const LogRecorder quiet;
+  const auto readInSteps = [&](const char* when) {
+    const std::uint64_t hits = store().readAheadFigures().hits;
+    std::string bytes(files_["stays"].size(), '?');
+    for (std::size_t at = 0; at < bytes.size(); at += kSegment) {
+      store().Read("stays", static_cast<std::int64_t>(at), bytes.data() + at, kSegment);
+    }
+    EXPECT_TRUE(files_["stays"] == bytes) << when;
+    return store().readAheadFigures().hits - hits;
+  };
+  PutSparse();
+  store().Sync();
+  EXPECT_LT(0U, readInSteps("before"));
+  {
+    const test::WatchCalls watch(Path());
+    Faults::OnlyDatabase("data.mdb");
+    Faults::FailNth(Call::kMdbPut, 5, ENOSPC);
+    EXPECT_THAT(ThrownText<StoreError>([&] { Compact(); }), HasSubstr("(ENOSPC)"));
+  }
+  ASSERT_TRUE(store().objects().byFingerprint());
+  EXPECT_EQ(0U, readInSteps("while it is unfinished"));
+  Compact();
+  Collect();
+  EXPECT_LT(0U, readInSteps("afterwards"));
+  ExpectSoundNow("afterwards");
+}
+
 TEST_F(CompactorTest, CollectionBeforeItIsNotNeeded) {
   PutSparse();
   EXPECT_EQ(8U, Compact().sparseContainers);

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include <boost/filesystem/operations.hpp>
 #include <gtest/gtest.h>
 
 #include "tests/refhost/gc/gc_fixture.h"
@@ -19,13 +20,27 @@ using test::Pattern;
 
 constexpr int kStores = 8;
 constexpr int kLives = 3;
+constexpr const char* kVolumes[] = {"-volume-1", "-volume-2", "-volume-3"};
 constexpr int kStepsPerLife = 40;
 
 struct Step {
-  enum Kind { kPut, kCopy, kOverwrite, kCut, kRemove, kSync, kGc, kCompact, kVerify, kReopen };
+  enum Kind {
+    kPut,
+    kCopy,
+    kSnapshot,
+    kRename,
+    kOverwrite,
+    kCut,
+    kRemove,
+    kSync,
+    kGc,
+    kCompact,
+    kVerify,
+    kReopen
+  };
   Kind kind;
   std::string name;
-  std::string other;  ///< of a copy
+  std::string other;  ///< of a copy, a snapshot, or the new name
   std::size_t offset;
   std::string bytes;
   unsigned below;
@@ -38,9 +53,10 @@ std::string NameOf(std::size_t number) {
 std::vector<Step> PlanLife(std::mt19937_64& random) {
   const auto below = [&random](std::size_t bound) { return random() % bound; };
   constexpr Step::Kind kKinds[] = {
-      Step::kPut, Step::kPut,     Step::kPut,     Step::kPut,    Step::kCopy,  Step::kOverwrite,
-      Step::kCut, Step::kRemove,  Step::kRemove,  Step::kSync,   Step::kGc,    Step::kGc,
-      Step::kGc,  Step::kCompact, Step::kCompact, Step::kVerify, Step::kReopen};
+      Step::kPut,       Step::kPut,     Step::kPut,      Step::kPut,      Step::kCopy,
+      Step::kOverwrite, Step::kCut,     Step::kSnapshot, Step::kSnapshot, Step::kRename,
+      Step::kRemove,    Step::kRemove,  Step::kSync,     Step::kGc,       Step::kGc,
+      Step::kGc,        Step::kCompact, Step::kCompact,  Step::kVerify,   Step::kReopen};
   std::vector<Step> steps;
   for (int i = 0; i < kStepsPerLife; ++i) {
     // Few different patterns, so that files share segments, and segments come back after they went.
@@ -64,6 +80,15 @@ bool Apply(const Step& step, Files* files) {
       }
       (*files)[step.other] = std::string(file->second);
       return true;
+    case Step::kSnapshot:
+      return file != files->end() && files->emplace(step.other, std::string(file->second)).second;
+    case Step::kRename:
+      if (file == files->end() || step.other == step.name) {
+        return false;
+      }
+      (*files)[step.other] = std::string(file->second);
+      files->erase(step.name);
+      return true;
     case Step::kOverwrite:
       if (file == files->end()) {
         return false;
@@ -84,6 +109,17 @@ bool Apply(const Step& step, Files* files) {
   }
 }
 
+/// A store whose path has volumes beside it spreads its tables over them.
+DurableStoreOptions OptionsOf(const std::string& path) {
+  DurableStoreOptions options = test::SmallStoreOptions();
+  for (const char* volume : kVolumes) {
+    if (boost::filesystem::exists(path + volume)) {
+      options.format.volumes.push_back(path + volume);
+    }
+  }
+  return options;
+}
+
 /// The same on a store; `files` is how it has to be afterwards.
 void Apply(const Step& step, const Files& files, std::unique_ptr<DurableStore>* store,
            const std::string& path) {
@@ -95,6 +131,12 @@ void Apply(const Step& step, const Files& files, std::unique_ptr<DurableStore>* 
       (*store)->Write(name, 0, files.at(name));
       break;
     }
+    case Step::kSnapshot:
+      (*store)->Snapshot(step.name, step.other);
+      break;
+    case Step::kRename:
+      (*store)->Rename(step.name, step.other, /*replace=*/true);
+      break;
     case Step::kOverwrite:
       (*store)->Write(step.name, static_cast<std::int64_t>(step.offset), step.bytes);
       break;
@@ -121,7 +163,7 @@ void Apply(const Step& step, const Files& files, std::unique_ptr<DurableStore>* 
       (*store)->Sync();
       (*store)->CloseFiles();
       store->reset();
-      *store = std::make_unique<DurableStore>(path, test::SmallStoreOptions());
+      *store = std::make_unique<DurableStore>(path, OptionsOf(path));
       break;
   }
 }
@@ -137,7 +179,7 @@ void ExpectTidy(DurableStore& store, const Files& files) {
 }
 
 void Live(const std::string& path, const std::vector<Step>& steps, Files files, bool last) {
-  auto store = std::make_unique<DurableStore>(path, test::SmallStoreOptions());
+  auto store = std::make_unique<DurableStore>(path, OptionsOf(path));
   test::ExpectSound(*store, files, "at the start of a life");
   for (const Step& step : steps) {
     if (Apply(step, &files)) {
@@ -162,6 +204,11 @@ TEST(GcProperty, LivesOfAnyChangesCollectionsAndCompactionsLeaveThePlainCopies) 
     std::mt19937_64 random(seed + static_cast<std::uint64_t>(number));
     const test::TempDir dir;
     const std::string path = (dir / "store").string();
+    if (number % 4 >= 2) {
+      for (const char* volume : kVolumes) {
+        boost::filesystem::create_directory(path + volume);
+      }
+    }
     const test::SmallThresholds thresholds(8, number % 2 == 0 ? 24 : 100000);
     Files files;
     for (int life = 0; life < kLives; ++life) {
