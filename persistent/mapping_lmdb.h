@@ -109,25 +109,25 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
              FILE* trace) override;
 
   /// Raises the stored file size, and forgets the table's object id if this is its first change. A
-  /// size at or below the stored one writes nothing. Returns 0, or LMDB's code of a failed put or
-  /// commit, after which both sizes are as before. Throws if no transaction can be begun or the
-  /// object id cannot be stored. Takes tableLock_ shared.
+  /// size at or below the stored one changes nothing else. Returns 0, or LMDB's code of a failed
+  /// put or commit, after which both sizes are as before. Throws if no transaction can be begun or
+  /// the object id cannot be stored. Takes tableLock_ shared.
   int setFileSize(long size) override;
 
   /// Makes the table end at `size`, 0 or more: extents behind it go, one that spans it is cut, and
   /// the stored file size becomes `size` even if that is more than before. Forgets the table's
-  /// object id, its bloom file, all prefetched extents and all references. `trace` plays no part.
-  /// Waits for a merge that runs.
+  /// object id, its bloom file, all references and, while `prefetchEnabled` is set, all prefetched
+  /// extents. `trace` plays no part. Waits for a merge that runs.
   ///
   /// Returns 0, or LMDB's code, or -1 for a failed read or delete; throws if a transaction cannot
   /// be begun or the emptied object id cannot be stored. Each database has a transaction of its
   /// own: after a failure those before it, and the cache, are cut, and the truncate can be
-  /// repeated.
+  /// repeated, which does not try again to store the emptied object id.
   ///
   /// A tmp database that a failed merge has left open keeps what it holds behind `size`, and its
-  /// file size, which the next merge brings back. A node
-  /// behind `size` counts as released, also while a piece before `size` uses it. Takes neither
-  /// rwLock_ nor tableLock_: no other call may be running.
+  /// file size, which the next load brings back. A node behind `size` counts as released, also
+  /// while a piece before `size` uses it. Takes neither rwLock_ nor tableLock_: no other call may
+  /// be running.
   int truncate(long size, FILE* trace) override;
 
   /// The larger of the stored file size and the end of what was written since. Takes no lock.
@@ -143,8 +143,8 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   iterator find(long offset, SharedLock* lock) override;
 
   /// Records in all databases less the four special items, so not the number of distinct extents; 0
-  /// if that cannot be told. The cache is not counted. Takes tableLock_ shared; a running write
-  /// transaction of the small database is waited for.
+  /// if that cannot be told; throws if a transaction cannot be begun. The cache is not counted.
+  /// Takes tableLock_ shared; a running write transaction of the small database is waited for.
   long size() override;
 
   /// Sets both outputs to 0 and returns size().
@@ -203,7 +203,9 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// Takes rwLock_ exclusively, and keeps it while it waits. Throws SysException: the code of
   /// ProtectShare, after which the extents collected can no longer be flushed but stay readable; -1
   /// if a database refused them, and nothing is changed there; LMDB's code of a failed commit,
-  /// which loses them. The host takes each of these for a failed write.
+  /// which loses them. Also throws, after a commit that stands, if the records cannot be counted
+  /// (-1, or LMDB's code) or there can be no merge thread. The host takes each of these for a
+  /// failed write.
   void checkAndBackfillObjectID(std::set<void*>* released, bool force,
                                 const std::string& shareScope, const std::string& share,
                                 zefs::DataTransferManagement* transfer, UniqueLock* lock) override;
@@ -223,9 +225,11 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   void SetObjectID(Ext* ext, const ObjectID& oid) override;
 
   /// The extents of the full database that end from `start` to `end`, both included, each with its
-  /// own range, and without those of a container below 63. A `start` of 0 merges first, so that
-  /// everything flushed is there; any other lists the full database as it stands. Neither number
-  /// may be above the largest `long`.
+  /// own range, and without those of a container below 63. A `start` of 0 merges first, which
+  /// brings in what the small database holds; any other lists the full database as it stands. Not
+  /// there are what was flushed after a merge had begun that this one only waits for, what a failed
+  /// merge has left in a tmp database, and, if this merge fails, which only the log tells, the
+  /// small database. Neither number may be above the largest `long`.
   ///
   /// A failing read ends the list early, which only the log tells. Throws SysException if there can
   /// be no merge thread or no transaction. Holds tableLock_ shared, and holds off other writers of
@@ -235,12 +239,15 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// Gives extents of the full database another container, in one synced transaction: walks them
   /// from the first that ends at `start` or behind, and compares each with the first element of
   /// `ids`, which are by rising end, whose endOffset it does not pass; where the fingerprints are
-  /// equal the extent gets the element's dcid. `end` is for the log. Drops all prefetched extents.
+  /// equal the extent gets the element's dcid. `end` is for the log. Drops all prefetched extents,
+  /// while `prefetchEnabled` is set.
   ///
   /// Returns 0, or LMDB's code of a failed put, and then nothing is changed. A failing read also
   /// changes nothing, and returns 0: only the log tells. Throws SysException if there can be no
-  /// transaction or it cannot be committed. Takes prefetchLock_ for a moment, then holds tableLock_
-  /// shared.
+  /// transaction or it cannot be committed, and also if only the sync after the commit has failed.
+  /// A merge that runs meanwhile reads the records from before, and its switch undoes the change:
+  /// the host lists from 0 first and flushes nothing until this returns. Takes prefetchLock_ for a
+  /// moment, then holds tableLock_ shared.
   int UpdateObjectIdsByRange(unsigned long start, unsigned long end, const ObjectIDs& ids) override;
 
   /// Not supported by this table, as the next: throws the int 0.
@@ -286,9 +293,9 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// nothing.
   ///
   /// Throws SysException if a transaction cannot be begun; nothing is changed then. A failing read
-  /// counts as the end of its database, so the plan may lack extents, which only the log tells.
-  /// Holds rwLock_ and tableLock_ shared, and a write transaction on each database: it waits for
-  /// other writers, and holds them off.
+  /// leaves out its database and those older than it, for that step, so the plan may lack extents;
+  /// at most the log tells. Holds rwLock_ and tableLock_ shared, and a write transaction on each
+  /// database: it waits for other writers, and holds them off.
   void GetDCInfoList(const PrefetchRange& range, std::list<DCInfo>* out) override;
 
   /// Hands out the extents whose container offset is wanted, as DcOffsetStore::Read does, whose
@@ -297,7 +304,8 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
 
   /// Takes that list back, with what the host has found: an extent that still stands there with the
   /// same container and fingerprint goes back into the cache with the offset, and the next flush
-  /// stores it. What is still open is kept for the next list. Drops all prefetched extents. Returns
+  /// stores it. What is still open is kept for the next list. Drops all prefetched extents, while
+  /// `prefetchEnabled` is set. Returns
   /// 0, or the code of what failed; throws as a look-up does, or filesystem_error if the list that
   /// was out cannot be removed. The host may then hand it back again. An answer lasts from the
   /// flush on. Holds rwLock_ exclusively while it changes extents.

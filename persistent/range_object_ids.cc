@@ -11,7 +11,8 @@ using zefs::kLogFailure;
 
 namespace {
 
-/// Containers below this are not listed. One less than elsewhere; hosts rely on it.
+/// Containers below this are not listed. One less than the first that may name a container, as in
+/// a flush; hosts rely on it.
 constexpr std::uint64_t kFirstListedDcid = 63;
 
 }  // namespace

@@ -26,15 +26,17 @@ namespace {
 
 /// Makes the directory `path` and its parents, with the mode 0700. False if it is still not there.
 bool MakeDirectory(const fs::path& path) {
+  bool made = false;
   try {
-    if (path != path.root_path() &&
-        storage::utils::filesystem().check_and_create_directories(path.parent_path(),
-                                                                  fs::owner_all) &&
-        fs::create_directory(path)) {
-      fs::permissions(path, fs::owner_all);
-      return true;
-    }
+    made = path != path.root_path() &&
+           storage::utils::filesystem().check_and_create_directories(path.parent_path(),
+                                                                     fs::owner_all) &&
+           fs::create_directory(path);
   } catch (const fs::filesystem_error&) {  // told by what is there now
+  }
+  if (made) {
+    fs::permissions(path, fs::owner_all);
+    return true;
   }
   boost::system::error_code ignored;
   return fs::exists(fs::status(path, ignored));
