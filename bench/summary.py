@@ -97,7 +97,7 @@ def median(values):
 
 def spread(values):
     """Half the range, in percent of the median."""
-    return 50 * (max(values) - min(values)) / median(values)
+    return 50 * (max(values) - min(values)) / (median(values) or 1)
 
 
 def table(header, lines):
