@@ -53,7 +53,8 @@ void TimeByWall(benchmark::State& state, std::size_t items, Work work) {
   work();
   state.SetIterationTime(usage.Wall());
   state.counters["cpu_us_per_item"] = usage.Cpu() * 1e6 / static_cast<double>(items);
-  state.SetItemsProcessed(static_cast<std::int64_t>(state.max_iterations * items));
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.max_iterations) *
+                          static_cast<std::int64_t>(items));
 }
 
 /// Registers `run`, which times itself, for a fixed number of iterations: what an
