@@ -247,8 +247,9 @@ def main(paths):
         print_persistent(persistent)
     if roads:
         print_roads(roads)
-    for (family, name, length), subjects in every.items():
-        if family == TRACE:
+    for key, subjects in every.items():
+        if key[0] == TRACE:
+            _, name, length = key
             print_subjects(f"The trace {name}, {length}", subjects, TRACE_COLUMNS)
     if floors:
         print("\nBounds, million items a second:")
