@@ -29,7 +29,7 @@ INK, FAINT, BAND = "#222222", "#d8d8d8", "#f2f7f2"
 def workloads(paths):
     """Name, the table's rates by round, and each peer's."""
     every, _ = collect(paths)
-    for (family, name, variant), subjects in every.items():
+    for (family, name, *_, variant), subjects in every.items():
         if family == ROAD and name in ROAD_LIVES:
             label, counter = LIVES[name], "writes_per_second"
         elif family == TRACE:
