@@ -21,13 +21,13 @@ inline void CountFigure(const std::string& kind, long count = 1) {
   class Sums {
    public:
     ~Sums() {
-      for (const auto& [kind, count] : sums_) {
-        TellFigure(kind, count);
+      for (const auto& [name, sum] : sums_) {
+        TellFigure(name, sum);
       }
     }
-    void Add(const std::string& kind, long count) {
+    void Add(const std::string& name, long more) {
       const std::lock_guard<std::mutex> lock(mutex_);
-      sums_[kind] += count;
+      sums_[name] += more;
     }
 
    private:
