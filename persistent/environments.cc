@@ -1,11 +1,13 @@
 #include <cstring>
 #include <iostream>
 
+#include <boost/filesystem/exception.hpp>
 #include <boost/filesystem/operations.hpp>
 
 #include "host/zefs_log.h"
 #include "persistent/mapping_lmdb.h"
 #include "persistent/transaction.h"
+#include "support/filesystem.h"
 
 // Opening and closing the databases of a table, its directory, and the words for LMDB's codes.
 
@@ -133,8 +135,12 @@ bool CMappingLMDB::CheckAndCreateDir(const std::string& path) {
     }
     fs::remove(path);
     ZEFS_LOG(kLogTrace, "Removed file %s", path.c_str());
-    fs::create_directories(path);
-    fs::permissions(path, fs::owner_all);
+    boost::system::error_code error;
+    storage::utils::MakeDirectoryAndParents(path, fs::owner_all, error);
+    if (error) {
+      throw fs::filesystem_error("cannot make the directory of a table", path, error);
+    }
+    fs::permissions(path, fs::owner_all);  // the umask may have taken some
     return true;
   } catch (...) {
     ZEFS_LOG(kLogFailure, "Failed to create directories %s, try to see if it can continue",

@@ -13,6 +13,7 @@
 #include <boost/filesystem/path.hpp>
 
 #include "host/file_io.h"
+#include "support/filesystem.h"
 #include "support/measure_cpu.h"
 
 namespace Aldenta::Qnd::Morene::Zefs {
@@ -91,7 +92,7 @@ int ExtentJournal::Open() {
     if (!parent.empty() && !fs::exists(fs::status(parent))) {
       error_code ec;
       // Without an error somebody else made the directory first.
-      if (!fs::create_directories(parent, ec) && ec) {
+      if (!storage::utils::MakeDirectoryAndParents(parent, fs::owner_all, ec) && ec) {
         ZEFS_LOG(zefs::kLogFailure, "failed to create path: %s, errno: %d", parent.c_str(),
                  ec.value());
         return ec.value();

@@ -50,4 +50,17 @@ class ZEFS_EXTMAP_API filesystem {
                                    boost::system::error_code& ec) const;
 };
 
+/// Makes the directory `p`, whose parent exists. At no moment does it have more rights than
+/// `perms`; the umask may leave it fewer. False, and no error, if there is a directory already.
+bool MakeDirectory(const boost::filesystem::path& p, boost::filesystem::perms perms,
+                   boost::system::error_code& ec);
+
+/// The same, and throws boost::filesystem::filesystem_error.
+bool MakeDirectory(const boost::filesystem::path& p, boost::filesystem::perms perms);
+
+/// The same for a directory whose parents may be missing as well. Those get the rights that the
+/// umask leaves them.
+bool MakeDirectoryAndParents(const boost::filesystem::path& p, boost::filesystem::perms perms,
+                             boost::system::error_code& ec);
+
 }  // namespace storage::utils
