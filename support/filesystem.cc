@@ -134,4 +134,10 @@ bool MakeDirectoryAndParents(const fs::path& p, fs::perms perms, error_code& ec)
   return !ec && MakeDirectory(p, perms, ec);
 }
 
+int LinkError(const std::string& path) {
+  struct stat64 status {};
+  const bool known = ::fstatat64(AT_FDCWD, path.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+  return known && S_ISLNK(status.st_mode) ? ELOOP : 0;
+}
+
 }  // namespace storage::utils

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include <boost/filesystem/file_status.hpp>
 #include <boost/filesystem/path.hpp>
 #include <boost/system/error_code.hpp>
@@ -62,5 +64,8 @@ bool MakeDirectory(const boost::filesystem::path& p, boost::filesystem::perms pe
 /// umask leaves them.
 bool MakeDirectoryAndParents(const boost::filesystem::path& p, boost::filesystem::perms perms,
                              boost::system::error_code& ec);
+
+/// ELOOP if `path` itself is a symbolic link, and else 0.
+int LinkError(const std::string& path);
 
 }  // namespace storage::utils
