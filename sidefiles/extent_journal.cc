@@ -102,9 +102,12 @@ int ExtentJournal::Open() {
     ZEFS_LOG(zefs::kLogFailure, "failed to create path: %s, err: %s", parent.c_str(), e.what());
     return -2;
   }
-  fd_ = ::open64(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, kFileMode);
+  int error = storage::utils::PipeError(path_);
+  if (error == 0) {
+    fd_ = ::open64(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, kFileMode);
+    error = errno;
+  }
   if (fd_ == -1) {
-    const int error = errno;
     ZEFS_LOG(zefs::kLogFailure, "failed to open journal file: %s, errno: %d, err: %s",
              path_.c_str(), error, std::strerror(error));
     return -1;

@@ -134,6 +134,12 @@ bool MakeDirectoryAndParents(const fs::path& p, fs::perms perms, error_code& ec)
   return !ec && MakeDirectory(p, perms, ec);
 }
 
+int PipeError(const std::string& path) {
+  struct stat64 status {};
+  const bool known = ::fstatat64(AT_FDCWD, path.c_str(), &status, 0) == 0;
+  return known && S_ISFIFO(status.st_mode) ? ENXIO : 0;
+}
+
 int LinkError(const std::string& path) {
   struct stat64 status {};
   const bool known = ::fstatat64(AT_FDCWD, path.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
