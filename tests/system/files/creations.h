@@ -18,7 +18,7 @@ struct Creation {
 
 /// Sees every file and directory that this process makes below `directory`, and every change of
 /// their rights, whoever makes it: the library, LMDB, Boost.Filesystem. For programs that compile
-/// creations.cc; one at a time.
+/// creations.cc, which do not wait for the disk either; one at a time.
 class Creations {
  public:
   explicit Creations(const std::string& directory);
