@@ -1,11 +1,14 @@
+#include <cerrno>
 #include <cstring>
 #include <iostream>
 
+#include <boost/filesystem/exception.hpp>
 #include <boost/filesystem/operations.hpp>
 
 #include "host/zefs_log.h"
 #include "persistent/mapping_lmdb.h"
 #include "persistent/transaction.h"
+#include "support/filesystem.h"
 
 // Opening and closing the databases of a table, its directory, and the words for LMDB's codes.
 
@@ -25,6 +28,17 @@ constexpr unsigned long kSpecialItems = 4;
 void DiscardEnv(LMDBContext* db) {
   mdb_env_close(db->env);
   db->env = nullptr;
+}
+
+/// Why LMDB must not be given this path of a database; 0 if it may. It follows symbolic links, and
+/// writes over whatever file one in place of a database or of its lock file leads to. A name that a
+/// zero byte cuts short would be one file for all the databases of a table.
+int UnusableAs(const std::string& dbPath) {
+  if (dbPath.find('\0') != std::string::npos) {
+    return EINVAL;
+  }
+  const int error = storage::utils::LinkError(dbPath);
+  return error != 0 ? error : storage::utils::LinkError(dbPath + CMappingLMDB::MDB_NO_SUBDIR_LOCK);
 }
 
 }  // namespace
@@ -63,7 +77,10 @@ int CMappingLMDB::SetupDBEnv(const std::string& dbPath, LMDBContext* db, unsigne
     ZEFS_LOG(kLogFailure, "Failed to set max dbs for db env, return value is %d", ret);
     return ret;
   }
-  ret = mdb_env_open(db->env, dbPath.c_str(), kEnvFlags, kFileMode);
+  ret = UnusableAs(dbPath);
+  if (ret == 0) {
+    ret = mdb_env_open(db->env, dbPath.c_str(), kEnvFlags, kFileMode);
+  }
   if (ret != 0) {
     DiscardEnv(db);
     ZEFS_LOG(kLogFailure, "Failed to open env for db %s, return value is %d", dbPath.c_str(), ret);
@@ -133,8 +150,12 @@ bool CMappingLMDB::CheckAndCreateDir(const std::string& path) {
     }
     fs::remove(path);
     ZEFS_LOG(kLogTrace, "Removed file %s", path.c_str());
-    fs::create_directories(path);
-    fs::permissions(path, fs::owner_all);
+    boost::system::error_code error;
+    storage::utils::MakeDirectoryAndParents(path, fs::owner_all, error);
+    if (error) {
+      throw fs::filesystem_error("cannot make the directory of a table", path, error);
+    }
+    fs::permissions(path, fs::owner_all);  // the umask may have taken some
     return true;
   } catch (...) {
     ZEFS_LOG(kLogFailure, "Failed to create directories %s, try to see if it can continue",

@@ -69,10 +69,7 @@ void CMappingLMDB::checkAndBackfillObjectID(std::set<void*>* released, bool forc
   ZEFS_LOG(kLogTrace, "after processed objlist number %d and objmap size is %d",
            static_cast<int>(objListCount_), static_cast<int>(ids.size()));
   if (!ids.empty()) {
-    if (Setting(&FileSystemDaemonConfig::prefetchEnabled) != 0) {
-      const UniqueLock prefetchLock(prefetchLock_);
-      prefetchExts_.clear();
-    }
+    DropAllPrefetched();  // the extents are about to change place
     const int ret = dci_->ProtectShare(transfer, shareScope, share);
     if (ret != 0) {
       ZEFS_LOG(kLogFailure, "fail to protect share %s, ret %d", share.c_str(), ret);

@@ -10,6 +10,7 @@
 #include "host/config.h"
 #include "host/zefs_log.h"
 #include "persistent/mapping_lmdb.h"
+#include "support/filesystem.h"
 
 // The merge as a whole: its thread, the tmp database that takes the flushes meanwhile, and the
 // switch of the files.
@@ -104,7 +105,7 @@ namespace {
 class ReplacedFile {
  public:
   explicit ReplacedFile(const std::string& path)
-      : descriptor_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+      : descriptor_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK)) {}
   ~ReplacedFile() {
     if (descriptor_ != -1) {
       ::close(descriptor_);
@@ -184,7 +185,7 @@ void CMappingLMDB::PrepareMergeDb(MergeDb* merged) {
     if (fs::exists(fs::status(mergePath))) {
       fs::remove(mergePath);
     }
-    if (fs::exists(fs::status(lockPath))) {
+    if (fs::exists(fs::status(lockPath)) || storage::utils::LinkError(lockPath) != 0) {
       fs::remove(lockPath);
     }
   } catch (...) {

@@ -110,7 +110,7 @@ bool CMappingLMDB::LoadBloom(std::unique_ptr<BloomFilter>* bloom,
   const std::string path = PathOf(BLOOM_FILE);
   BloomPersist file(path, true);
   struct stat status {};
-  if (::stat(path.c_str(), &status) != 0 ||
+  if (::stat(path.c_str(), &status) != 0 || S_ISFIFO(status.st_mode) ||  // nobody may ever fill it
       FileSystemDaemonConfig::GetInstance().Get(&FileSystemDaemonConfig::persistBloom) == 0 ||
       file.Reset(noMmap_) != 0) {
     return false;

@@ -31,7 +31,7 @@ bool MakeDirectory(const fs::path& path) {
     made = path != path.root_path() &&
            storage::utils::filesystem().check_and_create_directories(path.parent_path(),
                                                                      fs::owner_all) &&
-           fs::create_directory(path);
+           storage::utils::MakeDirectory(path, fs::owner_all);
   } catch (const fs::filesystem_error&) {  // told by what is there now
   }
   if (made) {

@@ -17,6 +17,7 @@
 #include "host/config.h"
 #include "host/file_io.h"
 #include "host/zefs_log.h"
+#include "support/filesystem.h"
 #include "table/fingerprint.h"
 
 namespace Aldenta::Qnd::Morene::Zefs {
@@ -172,9 +173,12 @@ int DcOffsetStore::Write(DcOffsetSet offsets) {
 
 int DcOffsetStore::Open() {
   if (fd_ == -1) {
-    fd_ = ::open64(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, S_IRUSR | S_IWUSR);
+    int error = storage::utils::PipeError(path_);
+    if (error == 0) {
+      fd_ = ::open64(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, S_IRUSR | S_IWUSR);
+      error = errno;
+    }
     if (fd_ == -1) {
-      const int error = errno;
       ZEFS_LOG(kLogFailure, "failed to open dc offset file: %s, errno:%d", path_.c_str(), error);
       return error;
     }
@@ -222,7 +226,8 @@ int DcOffsetStore::Read(std::vector<DCOffset>* out) {
     return 0;
   }
   out->clear();
-  const int fd = ::open64(path_.c_str(), O_RDONLY, S_IRUSR | S_IWUSR);
+  const bool pipe = storage::utils::PipeError(path_) != 0;
+  const int fd = pipe ? -1 : ::open64(path_.c_str(), O_RDONLY, S_IRUSR | S_IWUSR);
   if (fd == -1) {
     ZEFS_LOG(kLogFailure, "failed to open dcoffset, path=%s, ret=%d", path_.c_str(), 0);
     return -1;

@@ -13,6 +13,7 @@
 #include <boost/filesystem/path.hpp>
 
 #include "host/file_io.h"
+#include "support/filesystem.h"
 #include "support/measure_cpu.h"
 
 namespace Aldenta::Qnd::Morene::Zefs {
@@ -91,7 +92,7 @@ int ExtentJournal::Open() {
     if (!parent.empty() && !fs::exists(fs::status(parent))) {
       error_code ec;
       // Without an error somebody else made the directory first.
-      if (!fs::create_directories(parent, ec) && ec) {
+      if (!storage::utils::MakeDirectoryAndParents(parent, fs::owner_all, ec) && ec) {
         ZEFS_LOG(zefs::kLogFailure, "failed to create path: %s, errno: %d", parent.c_str(),
                  ec.value());
         return ec.value();
@@ -101,9 +102,12 @@ int ExtentJournal::Open() {
     ZEFS_LOG(zefs::kLogFailure, "failed to create path: %s, err: %s", parent.c_str(), e.what());
     return -2;
   }
-  fd_ = ::open64(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, kFileMode);
+  int error = storage::utils::PipeError(path_);
+  if (error == 0) {
+    fd_ = ::open64(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, kFileMode);
+    error = errno;
+  }
   if (fd_ == -1) {
-    const int error = errno;
     ZEFS_LOG(zefs::kLogFailure, "failed to open journal file: %s, errno: %d, err: %s",
              path_.c_str(), error, std::strerror(error));
     return -1;

@@ -1,8 +1,10 @@
 #include "support/filesystem.h"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <boost/filesystem/exception.hpp>
 #include <boost/filesystem/operations.hpp>
 #include <sys/stat.h>
 
@@ -22,7 +24,7 @@ bool filesystem::create_directories(const fs::path& p, fs::perms perms) const {
     if (fs::exists(fs::status(current))) {
       continue;
     }
-    if (!fs::create_directories(current)) {
+    if (!MakeDirectory(current, perms)) {
       return false;
     }
     fs::permissions(current, perms);
@@ -34,7 +36,7 @@ bool filesystem::check_and_create_directories(const fs::path& p, fs::perms perms
   if (p == p.root_path() || fs::exists(fs::status(p))) {
     return true;
   }
-  if (check_and_create_directories(p.parent_path(), perms) && fs::create_directory(p)) {
+  if (check_and_create_directories(p.parent_path(), perms) && MakeDirectory(p, perms)) {
     fs::permissions(p, perms);
     return true;
   }
@@ -46,7 +48,7 @@ bool filesystem::check_and_create_directories(const fs::path& p, fs::perms perms
   if (p == p.root_path() || fs::exists(fs::status(p, ec))) {
     return true;
   }
-  if (check_and_create_directories(p.parent_path(), perms) && fs::create_directory(p, ec)) {
+  if (check_and_create_directories(p.parent_path(), perms) && MakeDirectory(p, perms, ec)) {
     fs::permissions(p, perms, ec);
     return true;
   }
@@ -92,6 +94,56 @@ int filesystem::close(int fd) const {
 
 unsigned long filesystem::remove_all(const fs::path& p, error_code& ec) const {
   return fs::remove_all(p, ec);
+}
+
+bool MakeDirectory(const fs::path& p, fs::perms perms, error_code& ec) {
+  ec.clear();
+  if (::mkdir(p.c_str(), static_cast<mode_t>(perms & fs::perms_mask)) == 0) {
+    return true;
+  }
+  const int error = errno;
+  error_code ignored;
+  if (!fs::is_directory(fs::status(p, ignored))) {
+    ec.assign(error, boost::system::system_category());
+  }
+  return false;
+}
+
+bool MakeDirectory(const fs::path& p, fs::perms perms) {
+  error_code ec;
+  const bool made = MakeDirectory(p, perms, ec);
+  if (ec) {
+    throw fs::filesystem_error("cannot make a directory", p, ec);
+  }
+  return made;
+}
+
+bool MakeDirectoryAndParents(const fs::path& p, fs::perms perms, error_code& ec) {
+  if (p.filename_is_dot()) {  // a slash at the end counts as one
+    return MakeDirectoryAndParents(p.parent_path(), perms, ec);
+  }
+  ec.clear();
+  error_code ignored;
+  if (fs::is_directory(fs::status(p, ignored))) {
+    return false;
+  }
+  const fs::path parent = p.parent_path();
+  if (!parent.empty() && fs::status(parent, ignored).type() == fs::file_not_found) {
+    fs::create_directories(parent, ec);
+  }
+  return !ec && MakeDirectory(p, perms, ec);
+}
+
+int PipeError(const std::string& path) {
+  struct stat64 status {};
+  const bool known = ::fstatat64(AT_FDCWD, path.c_str(), &status, 0) == 0;
+  return known && S_ISFIFO(status.st_mode) ? ENXIO : 0;
+}
+
+int LinkError(const std::string& path) {
+  struct stat64 status {};
+  const bool known = ::fstatat64(AT_FDCWD, path.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+  return known && S_ISLNK(status.st_mode) ? ELOOP : 0;
 }
 
 }  // namespace storage::utils

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include <boost/filesystem/file_status.hpp>
 #include <boost/filesystem/path.hpp>
 #include <boost/system/error_code.hpp>
@@ -50,5 +52,25 @@ class ZEFS_EXTMAP_API filesystem {
   virtual unsigned long remove_all(const boost::filesystem::path& p,
                                    boost::system::error_code& ec) const;
 };
+
+/// Makes the directory `p`, whose parent exists. At no moment does it have more rights than
+/// `perms`; the umask may leave it fewer. False, and no error, if there is a directory already.
+bool MakeDirectory(const boost::filesystem::path& p, boost::filesystem::perms perms,
+                   boost::system::error_code& ec);
+
+/// The same, and throws boost::filesystem::filesystem_error.
+bool MakeDirectory(const boost::filesystem::path& p, boost::filesystem::perms perms);
+
+/// The same for a directory whose parents may be missing as well. Those get the rights that the
+/// umask leaves them.
+bool MakeDirectoryAndParents(const boost::filesystem::path& p, boost::filesystem::perms perms,
+                             boost::system::error_code& ec);
+
+/// ENXIO if `path` leads to a pipe, and else 0. Opening one would wait, with all locks held, until
+/// somebody opened its other end.
+int PipeError(const std::string& path);
+
+/// ELOOP if `path` itself is a symbolic link, and else 0.
+int LinkError(const std::string& path);
 
 }  // namespace storage::utils

@@ -10,9 +10,8 @@
 
 #include <gmock/gmock.h>
 
+#include "tests/persistent/crash_points.h"
 #include "tests/persistent/flush_fixture.h"
-#include "tests/persistent/lmdb_writes.h"
-#include "tests/support/fault_injection.h"
 
 namespace zefs::test {
 namespace {
@@ -66,17 +65,13 @@ class BackfillCrashTest : public FlushTest {
 
   void Tell(char what) const { std::ofstream((dir_ / "said").string(), std::ios::app) << what; }
 
-  /// The life that dies, at the `nth` call of a kind or, behind the last kind, at the nth time that
-  /// LMDB itself writes or syncs.
-  void Live(std::size_t kind, int nth) {
+  /// The life that dies.
+  void Live(CrashPoint point) {
     Load();
-    Faults::OnlyBelow(Directory().string());
-    if (kind < kCalls) {
+    if (point.kind < kCalls) {
       ::mdb_env_set_flags(peer().smallDb().env, MDB_NOSYNC, 1);  // a kill loses no written page
-      Faults::KillNth(static_cast<Call>(kind), nth);
-    } else {
-      DieAtLmdbWrite(nth);
     }
+    Arm(Directory().string(), point);
     WriteKnown(kKnown, 100, Oid(70), 1, -1);
     WriteKnown(kGivenUp, 200, Oid(71), 2, -1);
     WriteKnown(kOpen, 300, Oid(72), 3, -1);
@@ -173,12 +168,12 @@ TEST_F(BackfillCrashTest, WhatIsStillOpenIsOnFileAtEveryMomentAndAnswersFromTheF
   int deaths = 0;
   int insideLmdb = 0;
   int sidefileDeaths = 0;
-  for (std::size_t kind = 0; kind <= kCalls && !HasFailure(); ++kind) {
+  for (std::size_t kind = 0; kind < kCrashKinds && !HasFailure(); ++kind) {
     for (int nth = 1; !HasFailure(); ++nth) {
       SCOPED_TRACE("kind " + std::to_string(kind) + ", call " + std::to_string(nth));
       CopyEmptyTable();
       fs::remove(dir_ / "said");
-      const int status = RunInChild([&] { Live(kind, nth); });
+      const int status = RunInChild([&] { Live({kind, nth}); });
       const std::string said = BytesOf(dir_ / "said");
       if (!DiedBy(status, SIGKILL)) {
         EXPECT_TRUE(EndedWell(status));

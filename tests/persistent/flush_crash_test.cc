@@ -10,9 +10,8 @@
 
 #include <gmock/gmock.h>
 
+#include "tests/persistent/crash_points.h"
 #include "tests/persistent/flush_fixture.h"
-#include "tests/persistent/lmdb_writes.h"
-#include "tests/support/fault_injection.h"
 
 namespace zefs::test {
 namespace {
@@ -20,13 +19,6 @@ namespace {
 namespace fs = boost::filesystem;
 
 const DataCacheNode::ObjectID kOld = Oid(70, 5);
-
-/// A point at which the process dies: the nth call of a kind, or, behind the last kind, the nth
-/// time that LMDB itself writes or syncs.
-struct Point {
-  std::size_t kind;
-  int nth;
-};
 
 class FlushCrashTest : public FlushTest {
  protected:
@@ -64,16 +56,11 @@ class FlushCrashTest : public FlushTest {
 
   /// The life that dies: three flushes, the first of which is not forced and leaves one extent to
   /// the next. Tells of each that has returned.
-  void Live(const std::string& type, Point point) {
+  void Live(const std::string& type, CrashPoint point) {
     TrackOffsets();
     Set(&Config::objIdReadyThreshold, 0U);
     LoadOver({WholeRecord(0, 100, kOld, 1, 2)}, type);
-    Faults::OnlyBelow(Directory().string());
-    if (point.kind < kCalls) {
-      Faults::KillNth(static_cast<Call>(point.kind), point.nth);
-    } else {
-      DieAtLmdbWrite(point.nth);
-    }
+    Arm(Directory().string(), point);
     WriteNode(10, 20, Ready(Oid(71, 1), -1));
     WriteKnown(40, 50, Oid(72, 2), 3);
     WriteKnown(300, 310, Oid(73, 3));
@@ -81,8 +68,7 @@ class FlushCrashTest : public FlushTest {
     FlushAndTell(true);
     WriteKnown(15, 45, Oid(74, 4));
     FlushAndTell(true);
-    DieAtLmdbWrite(0);
-    Faults::Reset();
+    Disarm();
     Destroy();
   }
 
@@ -95,7 +81,7 @@ class FlushCrashTest : public FlushTest {
   /// had returned. Returns the number of deaths.
   int DieEverywhere(const std::string& type, const std::function<void(std::size_t)>& check) {
     int deaths = 0;
-    for (std::size_t kind = 0; kind <= kCalls; ++kind) {
+    for (std::size_t kind = 0; kind < kCrashKinds; ++kind) {
       for (int nth = 1;; ++nth) {
         SCOPED_TRACE("kind " + std::to_string(kind) + ", call " + std::to_string(nth));
         fs::remove_all(Directory());

@@ -10,36 +10,14 @@
 
 #include <gmock/gmock.h>
 
+#include "tests/persistent/crash_points.h"
 #include "tests/persistent/lifecycle_faults.h"
-#include "tests/persistent/lmdb_writes.h"
 #include "tests/persistent/merge_fixture.h"
 
 namespace zefs::test {
 namespace {
 
 namespace fs = boost::filesystem;
-
-/// A point at which the process dies: the nth call of a kind, or, behind the last kind, the nth
-/// time that LMDB itself writes or syncs.
-struct Point {
-  std::size_t kind;
-  int nth;
-};
-constexpr std::size_t kKinds = kCalls + 1;
-
-void Arm(const std::string& directory, Point point) {
-  Faults::OnlyBelow(directory);
-  if (point.kind < kCalls) {
-    Faults::KillNth(static_cast<Call>(point.kind), point.nth);
-  } else {
-    DieAtLmdbWrite(point.nth);
-  }
-}
-
-void Disarm() {
-  Faults::Reset();
-  DieAtLmdbWrite(0);
-}
 
 class MergeCrashTest : public MergeTest {
  protected:
@@ -105,10 +83,11 @@ class MergeCrashTest : public MergeTest {
 
   /// Runs `life` once for each point at which it dies, from a directory that `prepare` makes, and
   /// then `check`. Returns the number of deaths.
-  int DieEverywhere(const std::function<void()>& prepare, const std::function<void(Point)>& life,
+  int DieEverywhere(const std::function<void()>& prepare,
+                    const std::function<void(CrashPoint)>& life,
                     const std::function<void()>& check) {
     int deaths = 0;
-    for (std::size_t kind = 0; kind < kKinds; ++kind) {
+    for (std::size_t kind = 0; kind < kCrashKinds; ++kind) {
       for (int nth = 1;; ++nth) {
         SCOPED_TRACE("kind " + std::to_string(kind) + ", call " + std::to_string(nth));
         prepare();
@@ -124,7 +103,7 @@ class MergeCrashTest : public MergeTest {
     return deaths;
   }
 
-  void MergeAt(Point point) {
+  void MergeAt(CrashPoint point) {
     Load();
     Arm(dir_.path().string(), point);
     EXPECT_EQ(0, peer().MergeAndSwitch());
@@ -162,7 +141,7 @@ class MergeCrashTest : public MergeTest {
 };
 
 TEST_F(MergeCrashTest, AtAnyCallLosesNothingAndTheNextMergeSucceeds) {
-  const int deaths = DieEverywhere([this] { Prepare(false); }, [this](Point p) { MergeAt(p); },
+  const int deaths = DieEverywhere([this] { Prepare(false); }, [this](CrashPoint p) { MergeAt(p); },
                                    [this] {
                                      Keep();
                                      ExpectWhole();
@@ -189,7 +168,7 @@ TEST_F(MergeCrashTest, AtAnyCallLosesNothingAndTheNextMergeSucceeds) {
     const fs::path from = copy;
     later +=
         DieEverywhere([this, from] { Copy(from, Directory()); },
-                      [this](Point point) {
+                      [this](CrashPoint point) {
                         Arm(dir_.path().string(), point);
                         Load();
                         Disarm();
@@ -203,7 +182,7 @@ TEST_F(MergeCrashTest, AtAnyCallLosesNothingAndTheNextMergeSucceeds) {
 
 TEST_F(MergeCrashTest, AtAnyCallOfTheSecondAttemptLosesNothingEither) {
   const int deaths =
-      DieEverywhere([this] { Prepare(true); }, [this](Point p) { MergeAt(p); },
+      DieEverywhere([this] { Prepare(true); }, [this](CrashPoint p) { MergeAt(p); },
                     [this] { EXPECT_EQ(kExtents, FromChild([this] { return Content(); })); });
   std::cout << "deaths in a second merge: " << deaths << '\n';
   EXPECT_GT(deaths, 80);
@@ -226,7 +205,7 @@ TEST_F(MergeCrashTest, OnlyBetweenTheSwitchOfTheDatabasesAndItsLastStepMayTheOld
         ASSERT_EQ(0, file.Reset(false));
         ASSERT_EQ(0, file.StoreBloom(&filter, &refs));
       },
-      [this](Point p) { MergeAt(p); },
+      [this](CrashPoint p) { MergeAt(p); },
       [this, &stale] {
         const std::string answer = FromChild([this] {
           Load();

@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 
 #include "tests/persistent/abort_trace.h"
+#include "tests/persistent/codes_of_call.h"
 #include "tests/persistent/range_object_ids_fixture.h"
 #include "tests/support/fault_injection.h"
 #include "tests/table/code_of.h"
@@ -18,22 +19,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-/// Codes that the call may well return.
-std::vector<int> CodesOf(Call call) {
-  switch (call) {
-    case Call::kMdbTxnBegin:
-      return {ENOMEM, EIO, MDB_PANIC, MDB_READERS_FULL, MDB_MAP_RESIZED};
-    case Call::kMdbCursorOpen:
-      return {ENOMEM, EINVAL, MDB_BAD_TXN};
-    case Call::kMdbCursorGet:
-      return {EINVAL, EIO, MDB_CORRUPTED, MDB_PAGE_NOTFOUND, MDB_BAD_TXN};
-    case Call::kMdbPut:
-      return {MDB_MAP_FULL, MDB_TXN_FULL, ENOMEM, EACCES, MDB_NOTFOUND};
-    default:
-      return {ENOSPC, EIO, MDB_MAP_FULL, MDB_PANIC};
-  }
-}
 
 constexpr Call kCallsOfBoth[] = {Call::kMdbTxnBegin, Call::kMdbCursorOpen, Call::kMdbCursorGet,
                                  Call::kMdbPut, Call::kMdbTxnCommit};

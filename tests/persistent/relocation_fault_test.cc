@@ -1,14 +1,13 @@
 // Removals and moves whose calls fail.
 
 #include <cerrno>
-#include <functional>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 
-#include "tests/persistent/file_calls.h"
+#include "tests/persistent/call_failures.h"
 #include "tests/persistent/relocation_fixture.h"
 #include "tests/table/code_of.h"
 
@@ -27,18 +26,17 @@ class RemovalFaultTest : public RelocationTest {
     WriteBytes(Target() / "below" / "file", "bytes");
   }
 
-  /// Fails each call of one kind, set by `fail(nth)`, while the tree is removed. Returns how many
-  /// calls there were.
-  int FailEach(int code, const std::function<void(int)>& fail, const std::function<bool()>& fired) {
+  /// Fails each call of one kind while the tree is removed. Returns how many calls there were.
+  int FailEach(int code, const CallFailures& failures) {
     for (int nth = 1;; ++nth) {
       SCOPED_TRACE("call " + std::to_string(nth) + ", code " + std::to_string(code));
       Grow();
       WriteKnown(500, 510, Oid(90));
       log_.Take();
-      fail(nth);
+      failures.fail(nth);
       const int result = table().remove(Target().string());
-      const bool hit = fired();
-      fail(0);
+      const bool hit = failures.fired();
+      failures.fail(0);
       const auto lines = Lines();
       EXPECT_THAT(Cached(), IsEmpty()) << "the cache is empty already";
       if (!hit) {
@@ -60,21 +58,10 @@ class RemovalFaultTest : public RelocationTest {
   }
   int FailEach(Call call, int code) {
     const WatchCalls watch(dir_.path().string());
-    return FailEach(
-        code,
-        [&](int nth) {
-          Faults::Disarm();
-          if (nth != 0) {
-            Faults::OnlyBelow(dir_.path().string());
-            Faults::FailNth(call, nth, code);
-          }
-        },
-        [] { return Faults::Fired(); });
+    return FailEach(code, FailuresOf(call, code, dir_.path().string()));
   }
   int FailEach(FileCall call, int code, int beside = 0) {
-    return FailEach(
-        code, [&](int nth) { FailFileCall(call, nth == 0 ? 0 : nth + beside, code); },
-        [] { return FileCallFailed(); });
+    return FailEach(code, FailuresOf(call, code, beside));
   }
 };
 

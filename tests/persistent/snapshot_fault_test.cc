@@ -8,7 +8,7 @@
 
 #include <gmock/gmock.h>
 
-#include "tests/persistent/file_calls.h"
+#include "tests/persistent/call_failures.h"
 #include "tests/persistent/relocation_fixture.h"
 
 namespace zefs::test {
@@ -79,18 +79,16 @@ class SnapshotFaultTest : public RelocationTest {
   /// Removes what a snapshot has left.
   void Clear() { fs::remove_all(Target()); }
 
-  /// Fails the calls of one kind, set by `fail(nth)`, in turn; how each ended. `code` is what the
-  /// failing call says.
-  std::vector<End> EndsOf(int code, const std::function<void(int)>& fail,
-                          const std::function<bool()>& fired) {
+  /// Fails the calls of one kind in turn; how each ended. `code` is what the failing call says.
+  std::vector<End> EndsOf(int code, const CallFailures& failures) {
     std::vector<End> ends;
     for (int nth = 1;; ++nth) {
       SCOPED_TRACE("call " + std::to_string(nth));
-      fail(nth);
+      failures.fail(nth);
       int thrown = 0;
       const End end = Run(&thrown);
-      const bool hit = fired();
-      fail(0);
+      const bool hit = failures.fired();
+      failures.fail(0);
       if (!hit) {
         EXPECT_EQ(End::kWell, end);
         Clear();
@@ -113,21 +111,9 @@ class SnapshotFaultTest : public RelocationTest {
   }
   std::vector<End> EndsOf(Call call, int code) {
     const WatchCalls watch(dir_.path().string());
-    return EndsOf(
-        code,
-        [&](int nth) {
-          Faults::Disarm();
-          if (nth != 0) {
-            Faults::OnlyBelow(dir_.path().string());
-            Faults::FailNth(call, nth, code);
-          }
-        },
-        [] { return Faults::Fired(); });
+    return EndsOf(code, FailuresOf(call, code, dir_.path().string()));
   }
-  std::vector<End> EndsOf(FileCall call, int code) {
-    return EndsOf(
-        code, [&](int nth) { FailFileCall(call, nth, code); }, [] { return FileCallFailed(); });
-  }
+  std::vector<End> EndsOf(FileCall call, int code) { return EndsOf(code, FailuresOf(call, code)); }
 
   /// Whatever has failed: the table is as it was, and a snapshot into a clean directory succeeds.
   void CheckAfter() {

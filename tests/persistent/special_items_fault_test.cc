@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include "tests/persistent/abort_trace.h"
+#include "tests/persistent/codes_of_call.h"
 #include "tests/persistent/open_databases_fixture.h"
 #include "tests/support/fault_injection.h"
 #include "tests/table/code_of.h"
@@ -18,6 +19,7 @@ using testing::IsEmpty;
 using zefs::test::AbortTrace;
 using zefs::test::Call;
 using zefs::test::CodeOf;
+using zefs::test::CodesOf;
 using zefs::test::Faults;
 using zefs::test::Held;
 using zefs::test::kPlainCommitCounterKey;
@@ -168,22 +170,6 @@ struct Step {
 
 void PrintTo(const Step& step, std::ostream* out) {
   *out << step.operation->name << ' ' << step.name;
-}
-
-/// Codes that the call may well return.
-std::vector<int> CodesOf(Call call) {
-  switch (call) {
-    case Call::kMdbTxnBegin:
-      return {ENOMEM, EIO, MDB_PANIC, MDB_READERS_FULL, MDB_MAP_RESIZED};
-    case Call::kMdbCursorOpen:
-      return {ENOMEM, EINVAL, MDB_BAD_TXN};
-    case Call::kMdbGet:
-      return {EINVAL, MDB_CORRUPTED, MDB_PAGE_NOTFOUND, MDB_BAD_TXN, MDB_KEYEXIST};
-    case Call::kMdbPut:
-      return {MDB_MAP_FULL, MDB_TXN_FULL, ENOMEM, EACCES, MDB_NOTFOUND};
-    default:
-      return {ENOSPC, EIO, MDB_MAP_FULL, MDB_PANIC};
-  }
 }
 
 std::vector<Step> BeginAndCursorSteps() {

@@ -9,9 +9,8 @@
 
 #include <gmock/gmock.h>
 
-#include "tests/persistent/lmdb_writes.h"
+#include "tests/persistent/crash_points.h"
 #include "tests/persistent/merge_fixture.h"
-#include "tests/support/fault_injection.h"
 
 namespace zefs::test {
 namespace {
@@ -19,13 +18,6 @@ namespace {
 namespace fs = boost::filesystem;
 
 constexpr long kSize = 150;
-
-/// A point at which the process dies: the nth call of a kind, or, behind the last kind, the nth
-/// time that LMDB itself writes or syncs.
-struct Point {
-  std::size_t kind;
-  int nth;
-};
 
 class TruncateCrashTest : public MergeTest {
  protected:
@@ -54,18 +46,12 @@ class TruncateCrashTest : public MergeTest {
   }
 
   /// The life that dies. It has not changed the table before.
-  void Live(Point point) {
+  void Live(CrashPoint point) {
     Load();
     peer().dataChanged() = false;
-    Faults::OnlyBelow(Directory().string());
-    if (point.kind < kCalls) {
-      Faults::KillNth(static_cast<Call>(point.kind), point.nth);
-    } else {
-      DieAtLmdbWrite(point.nth);
-    }
+    Arm(Directory().string(), point);
     EXPECT_EQ(0, table().truncate(kSize, nullptr));
-    DieAtLmdbWrite(0);
-    Faults::Reset();
+    Disarm();
     Destroy();
   }
 
@@ -159,7 +145,7 @@ TEST_F(TruncateCrashTest, EachDatabaseIsCutWholeOrNotAtAllAndTheSmallOneFirst) {
   int deaths = 0;
   int insideLmdb = 0;
   std::map<int, int> deathsAfter;  // by StepsDone
-  for (std::size_t kind = 0; kind <= kCalls; ++kind) {
+  for (std::size_t kind = 0; kind < kCrashKinds; ++kind) {
     for (int nth = 1;; ++nth) {
       SCOPED_TRACE("kind " + std::to_string(kind) + ", call " + std::to_string(nth));
       PutBack();

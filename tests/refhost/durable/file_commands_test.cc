@@ -1,18 +1,15 @@
 #include "refhost/cli/file_commands.h"
 
 #include <cstdlib>
-#include <sstream>
 #include <string>
 
 #include <CLI/CLI.hpp>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 #include <sys/wait.h>
 
 #include "refhost/cli/exit_status.h"
 #include "refhost/cli/store_commands.h"
-#include "tests/refhost/durable/durable_fixture.h"
+#include "tests/refhost/durable/commands_fixture.h"
 #include "tests/support/file_bytes.h"
 
 namespace zefs::refhost {
@@ -24,7 +21,7 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-class FileCommands : public ::testing::Test {
+class FileCommands : public test::CommandsTest {
  protected:
   FileCommands() {
     fs::create_directories(dir / "tree");
@@ -33,13 +30,7 @@ class FileCommands : public ::testing::Test {
     put.store = store;
     put.paths = {In("tree")};
   }
-  std::string In(const std::string& name) const { return (dir / name).string(); }
 
-  nlohmann::json Json() const { return nlohmann::json::parse(out.str()); }
-  void Forget() {
-    out.str("");
-    err.str("");
-  }
   void Put() {
     ASSERT_EQ(kExitFine, PutAndReport(put, false, out, err)) << err.str();
     Forget();
@@ -70,14 +61,10 @@ class FileCommands : public ::testing::Test {
     return names;
   }
 
-  const test::SmallThresholds thresholds{1024, 100000};
-  test::TempDir dir;
   const std::string store = In("store");
   const std::string one = In("tree/one");
   const std::string two = In("tree/two");
   PutOptions put;
-  std::ostringstream out;
-  std::ostringstream err;
 };
 
 TEST_F(FileCommands, TruncateCutsAndGrows) {

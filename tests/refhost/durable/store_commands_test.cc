@@ -1,15 +1,12 @@
 #include "refhost/cli/store_commands.h"
 
 #include <fcntl.h>
-#include <sstream>
 #include <string>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "refhost/cli/exit_status.h"
-#include "tests/refhost/durable/durable_fixture.h"
+#include "tests/refhost/durable/commands_fixture.h"
 
 namespace zefs::refhost {
 namespace {
@@ -20,7 +17,7 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-class StoreCommands : public ::testing::Test {
+class StoreCommands : public test::CommandsTest {
  protected:
   StoreCommands() {
     fs::create_directories(dir / "tree/sub");
@@ -31,13 +28,7 @@ class StoreCommands : public ::testing::Test {
     options.store = In("store");
     options.paths = {In("tree")};
   }
-  std::string In(const std::string& name) const { return (dir / name).string(); }
 
-  nlohmann::json Json() const { return nlohmann::json::parse(out.str()); }
-  void Forget() {
-    out.str("");
-    err.str("");
-  }
   int Put(bool json = false) {
     Forget();
     return PutAndReport(options, json, out, err);
@@ -53,11 +44,7 @@ class StoreCommands : public ::testing::Test {
     return bytes;
   }
 
-  const test::SmallThresholds thresholds{1024, 100000};
-  test::TempDir dir;
   PutOptions options;
-  std::ostringstream out;
-  std::ostringstream err;
 };
 
 TEST_F(StoreCommands, PutTellsWhatItDid) {
