@@ -1,0 +1,1 @@
+#include "tests/system/power_cut/power_cut_fixture.h"
