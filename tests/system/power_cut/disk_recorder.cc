@@ -93,8 +93,7 @@ int OnOpen(const char* path, int flags, Call call) {
   const int fd = call(flags & ~O_SYNC);
   if (fd != -1 && below) {
     const std::string name = below->substr(below->rfind('/') + 1);
-    state.files[fd] =
-        OpenFile{(flags & O_DSYNC) != 0, state.forgottenNames.count(name) != 0};
+    state.files[fd] = OpenFile{(flags & O_DSYNC) != 0, state.forgottenNames.count(name) != 0};
     state.events.push_back({DiskEvent::kOpen, fd, flags, 0, *below, ""});
   }
   return fd;

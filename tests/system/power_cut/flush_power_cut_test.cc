@@ -53,9 +53,9 @@ TEST_P(FlushPowerCutTest, EveryFlushThatReturnedIsThereAndNoneIsHalfThere) {
     const std::string last =
         "[10, 15) 72 0 -3, [15, 45) 75 0 -3, [45, 50) 73 8 -3, [50, 100) 70 70050 700, "
         "[100, 200) 71 71000 710, [300, 310) 74 0 -3";
-    ExpectLasting(run, GetParam(), "flushes",
-                  {before_, head + first, headOf310 + first + ", [300, 310) 74 0 -3",
-                   headOf310 + last});
+    ExpectLasting(
+        run, GetParam(), "flushes",
+        {before_, head + first, headOf310 + first + ", [300, 310) 74 0 -3", headOf310 + last});
   }
 }
 
@@ -92,8 +92,7 @@ TEST_P(FlushPowerCutTest, IntoATmpDatabaseThatAMergeHasLeft) {
     peer().merging() = false;
     End();
   });
-  const std::string head =
-      "size 200, version 2.0, do id 90, [0, 20) 70 70000 700, ";
+  const std::string head = "size 200, version 2.0, do id 90, [0, 20) 70 70000 700, ";
   ExpectLasting(run, GetParam(), "flushes",
                 {head + "[20, 30) 76 76000 760, [30, 100) 70 70030 700, [100, 200) 71 71000 710",
                  head + "[20, 25) 76 76000 760, [25, 35) 77 0 -3, [35, 100) 70 70035 700, "
@@ -147,11 +146,11 @@ TEST_P(OffsetsPowerCutTest, WhatIsOpenIsOnTheListOnceAForcedFlushReturned) {
   const bool ordered = GetParam() == Names::kInOrder;
   for (const std::uint32_t threshold : {1U, 100U}) {
     const RecordedRun run = RecordFlushes(threshold);
-    const PowerCuts cuts = CutEverywhere(
-        run, GetParam(), "flushes with open offsets",
-        [&](std::size_t done, const std::string& outcome) {
-          return IsAllowed(done, ordered ? done : 0, outcome);
-        });
+    const PowerCuts cuts =
+        CutEverywhere(run, GetParam(), "flushes with open offsets",
+                      [&](Moment moment, const std::string& outcome) {
+                        return IsAllowed(moment.done, ordered ? moment.done : 0, outcome);
+                      });
     ExpectRight(cuts);
     EXPECT_EQ(!ordered, cuts.seen.count(extents_[2] + open_[0]) != 0)
         << "a new file whose directory was not synced may be gone, with the list";

@@ -32,11 +32,10 @@ class MissingSyncTest : public PowerCutTest {
         "size 0, version 2.0, do id none, [0, 100) 70 70000 700",
         "size 50, version 2.0, do id none, [0, 40) 70 70000 700, [40, 50) 71 5 -3, "
         "[50, 100) 70 70050 700"};
-    const PowerCuts cuts =
-        CutEverywhere(run, Names::kInOrder, "a library without syncs",
-                      [&](std::size_t done, const std::string& s) {
-                        return s == states.at(1) || (done == 0 && s == states.at(0));
-                      });
+    const PowerCuts cuts = CutEverywhere(
+        run, Names::kInOrder, "a library without syncs", [&](Moment moment, const std::string& s) {
+          return s == states.at(1) || (moment.done == 0 && s == states.at(0));
+        });
     for (const std::string& wrong : cuts.wrong) {
       std::cout << wrong << '\n';
     }

@@ -11,6 +11,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -29,10 +30,21 @@ inline void PrintTo(Names names, std::ostream* out) {
   *out << (names == Names::kInOrder ? "names in order" : "names without order");
 }
 
+/// The files lie in memory where there is a place for them: no disk is part of these tests. An
+/// environment variable says otherwise.
+inline const bool kInMemory =
+    ::access("/dev/shm", W_OK) == 0 && ::setenv("TMPDIR", "/dev/shm", 0) == 0;
+
 /// A run that was recorded: the files before it, and what it did to them.
 struct RecordedRun {
   DiskImage before;
   std::vector<DiskEvent> events;
+};
+
+/// A point of a run at which the power is cut.
+struct Moment {
+  std::size_t calls = 0;  ///< made
+  std::size_t done = 0;   ///< steps acknowledged
 };
 
 /// What was seen after the power cuts of a run.
@@ -87,9 +99,11 @@ class PowerCutTest : public MergeTest {
   static void Done() { DiskRecorder::Mark("done"); }
 
   /// Cuts the power at every point of the run, rebuilds the disk in several ways, and has `allowed`
-  /// judge what Look() shows of it, given how many steps were acknowledged.
+  /// judge what Look() shows of it. Leaves out what
+  /// comes before `firstDone` steps are acknowledged.
   PowerCuts CutEverywhere(const RecordedRun& run, Names names, const std::string& kind,
-                          const std::function<bool(std::size_t, const std::string&)>& allowed) {
+                          const std::function<bool(Moment, const std::string&)>& allowed,
+                          std::size_t firstDone = 0) {
     const int variants = Variants();
     std::cout << "ZEFS_TEST_SEED=" << PropertySeed() << " ZEFS_TEST_POWER_CUTS=" << variants
               << '\n';
@@ -105,13 +119,16 @@ class PowerCutTest : public MergeTest {
           continue;  // leaves the disk as it is
         }
       }
+      if (done < firstDone) {
+        continue;
+      }
       for (int variant = 0; variant < variants; ++variant) {
         std::mt19937_64 random(PropertySeed() + at * 1000 + static_cast<std::uint64_t>(variant));
         const DiskImage image = disk.AfterPowerCut(variant, &random);
         const std::string outcome = OutcomeOf(image);
         ++cuts.disks;
         ++cuts.seen[outcome];
-        if (!allowed(done, outcome) && cuts.wrong.size() < kMostWrong) {
+        if (!allowed({at, done}, outcome) && cuts.wrong.size() < kMostWrong) {
           cuts.wrong.push_back(
               "after " + std::to_string(at) + " of " + std::to_string(run.events.size()) +
               " calls, " + std::to_string(done) + " steps acknowledged, variant " +
@@ -132,9 +149,9 @@ class PowerCutTest : public MergeTest {
                           const std::vector<std::string>& states,
                           const std::vector<std::size_t>& lasting = {}) {
     const PowerCuts cuts =
-        CutEverywhere(run, names, kind, [&](std::size_t done, const std::string& outcome) {
-          const std::size_t from = lasting.empty() ? done : lasting.at(done);
-          for (std::size_t i = from; i <= done + 1 && i < states.size(); ++i) {
+        CutEverywhere(run, names, kind, [&](Moment moment, const std::string& outcome) {
+          const std::size_t from = lasting.empty() ? moment.done : lasting.at(moment.done);
+          for (std::size_t i = from; i <= moment.done + 1 && i < states.size(); ++i) {
             if (states[i] == outcome) {
               return true;
             }
@@ -144,6 +161,24 @@ class PowerCutTest : public MergeTest {
     ExpectRight(cuts);
     EXPECT_GT(cuts.Seen(states.back()), 0);
     return cuts;
+  }
+
+  /// Whether a database is being made at this moment: it has a name, and has not been synced.
+  static bool IsBeingMade(const RecordedRun& run, const std::string& path, Moment moment) {
+    std::set<int> descriptors;
+    std::size_t made = 0;
+    for (std::size_t at = 0; at < run.events.size(); ++at) {
+      const DiskEvent& event = run.events[at];
+      if (event.kind == DiskEvent::kOpen && event.path == path) {
+        made = made == 0 ? at + 1 : made;
+        descriptors.insert(event.fd);
+      } else if (event.kind == DiskEvent::kClose) {
+        descriptors.erase(event.fd);
+      } else if (event.kind == DiskEvent::kSync && descriptors.count(event.fd) != 0) {
+        return made <= moment.calls && moment.calls <= at;
+      }
+    }
+    return false;
   }
 
   /// Nothing was seen that was not allowed.
@@ -166,7 +201,8 @@ class PowerCutTest : public MergeTest {
   std::string Look() {
     try {
       table_ = std::make_unique<CMappingLMDB>(&host_, type_);
-      const int loaded = table_->load(loaded_.string(), false, "");
+      const bool moved = !moved_.empty() && boost::filesystem::exists(moved_);
+      const int loaded = table_->load((moved ? moved_ : loaded_).string(), false, "");
       if (loaded != 0) {
         return std::string(kNotLoaded) + ": result " + std::to_string(loaded);
       }
@@ -174,7 +210,10 @@ class PowerCutTest : public MergeTest {
       return std::string(kNotLoaded) + ": " + std::to_string(e.code);
     }
     const std::string content = Content();
-    return content + (showOffsets_ ? OpenOffsets() : "") + Denied() + Unusable(content);
+    std::string shown = content + (showOffsets_ ? OpenOffsets() : "");
+    shown += Denied();
+    shown += Unusable(content);
+    return shown;
   }
 
   /// Size, version, object id and extents.
@@ -202,7 +241,8 @@ class PowerCutTest : public MergeTest {
   }
 
   std::string type_ = "PROVISION";
-  boost::filesystem::path loaded_ = Directory();  ///< what Look() loads
+  boost::filesystem::path loaded_ = Directory();  ///< what Look() and LoadTable() load
+  boost::filesystem::path moved_;                 ///< what Look() loads instead, if it is there
   bool showOffsets_ = false;                      ///< whether Look() tells of the open offsets
   std::vector<std::string> forgotten_;            ///< files whose syncs are left out
 
@@ -310,7 +350,7 @@ class PowerCutTest : public MergeTest {
         return ", and does not merge";
       }
       const std::vector<std::string> lines = Lines(kLogRecoverable);
-      return lines.empty() ? "" : ", and complains: " + lines.front();
+      return lines.empty() ? Denied() : ", and complains: " + lines.front();
     } catch (const Aldenta::Qnd::Morene::Zefs::SysException& e) {
       return ", of no use: " + std::to_string(e.code);
     }
