@@ -279,7 +279,10 @@ std::vector<DiskEvent> DiskRecorder::Saved(const std::string& file) {
 
 }  // namespace zefs::test
 
-// The calls themselves, in front of the C library's own for the whole process.
+// The calls themselves, in front of the C library's own for the whole process. The two names of a
+// call take the same offsets: 64 bits.
+static_assert(sizeof(off_t) == sizeof(off64_t));
+
 #define ZEFS_RECORDED __attribute__((visibility("default")))
 #define ZEFS_NEXT(name) \
   static const auto next = reinterpret_cast<decltype(&::name)>(::dlsym(RTLD_NEXT, #name))
@@ -304,36 +307,36 @@ using zefs::test::DiskEvent;
     return zefs::test::OnOpen(path, O_CREAT | O_WRONLY | O_TRUNC,     \
                               [&](int) { return next(path, mode); }); \
   }
-#define ZEFS_RECORD_PWRITE(name, type)                                                          \
-  ZEFS_RECORDED ssize_t name(int fd, const void* buffer, std::size_t size, type offset) {       \
+#define ZEFS_RECORD_PWRITE(name)                                                                \
+  ZEFS_RECORDED ssize_t name(int fd, const void* buffer, std::size_t size, off_t offset) {      \
     ZEFS_NEXT(name);                                                                            \
     return zefs::test::OnWrite(                                                                 \
         fd, offset, [&] { return next(fd, buffer, size, offset); },                             \
         [&](std::size_t done) { return std::string(static_cast<const char*>(buffer), done); }); \
   }
-#define ZEFS_RECORD_PWRITEV(name, type)                                                   \
-  ZEFS_RECORDED ssize_t name(int fd, const struct iovec* parts, int count, type offset) { \
-    ZEFS_NEXT(name);                                                                      \
-    return zefs::test::OnWrite(                                                           \
-        fd, offset, [&] { return next(fd, parts, count, offset); },                       \
-        [&](std::size_t done) { return Joined(parts, count, done); });                    \
+#define ZEFS_RECORD_PWRITEV(name)                                                          \
+  ZEFS_RECORDED ssize_t name(int fd, const struct iovec* parts, int count, off_t offset) { \
+    ZEFS_NEXT(name);                                                                       \
+    return zefs::test::OnWrite(                                                            \
+        fd, offset, [&] { return next(fd, parts, count, offset); },                        \
+        [&](std::size_t done) { return Joined(parts, count, done); });                     \
   }
-#define ZEFS_RECORD_FTRUNCATE(name, type)                                        \
-  ZEFS_RECORDED int name(int fd, type size) noexcept {                           \
+#define ZEFS_RECORD_FTRUNCATE(name)                                              \
+  ZEFS_RECORDED int name(int fd, off_t size) noexcept {                          \
     ZEFS_NEXT(name);                                                             \
     return zefs::test::OnTruncate(fd, nullptr, static_cast<std::uint64_t>(size), \
                                   [&] { return next(fd, size); });               \
   }
-#define ZEFS_RECORD_TRUNCATE(name, type)                                      \
-  ZEFS_RECORDED int name(const char* path, type size) noexcept {              \
+#define ZEFS_RECORD_TRUNCATE(name)                                            \
+  ZEFS_RECORDED int name(const char* path, off_t size) noexcept {             \
     ZEFS_NEXT(name);                                                          \
     return zefs::test::OnTruncate(-1, path, static_cast<std::uint64_t>(size), \
                                   [&] { return next(path, size); });          \
   }
-#define ZEFS_RECORD_SENDFILE(name, type)                                              \
-  ZEFS_RECORDED ssize_t name(int to, int from, type* at, std::size_t size) noexcept { \
-    ZEFS_NEXT(name);                                                                  \
-    return zefs::test::OnCopy(to, from, [&] { return next(to, from, at, size); });    \
+#define ZEFS_RECORD_SENDFILE(name)                                                     \
+  ZEFS_RECORDED ssize_t name(int to, int from, off_t* at, std::size_t size) noexcept { \
+    ZEFS_NEXT(name);                                                                   \
+    return zefs::test::OnCopy(to, from, [&] { return next(to, from, at, size); });     \
   }
 
 namespace {
@@ -356,16 +359,16 @@ ZEFS_RECORD_OPEN(open)
 ZEFS_RECORD_OPEN(open64)
 ZEFS_RECORD_CREAT(creat)
 ZEFS_RECORD_CREAT(creat64)
-ZEFS_RECORD_PWRITE(pwrite, off_t)
-ZEFS_RECORD_PWRITE(pwrite64, off64_t)
-ZEFS_RECORD_PWRITEV(pwritev, off_t)
-ZEFS_RECORD_PWRITEV(pwritev64, off64_t)
-ZEFS_RECORD_FTRUNCATE(ftruncate, off_t)
-ZEFS_RECORD_FTRUNCATE(ftruncate64, off64_t)
-ZEFS_RECORD_TRUNCATE(truncate, off_t)
-ZEFS_RECORD_TRUNCATE(truncate64, off64_t)
-ZEFS_RECORD_SENDFILE(sendfile, off_t)
-ZEFS_RECORD_SENDFILE(sendfile64, off64_t)
+ZEFS_RECORD_PWRITE(pwrite)
+ZEFS_RECORD_PWRITE(pwrite64)
+ZEFS_RECORD_PWRITEV(pwritev)
+ZEFS_RECORD_PWRITEV(pwritev64)
+ZEFS_RECORD_FTRUNCATE(ftruncate)
+ZEFS_RECORD_FTRUNCATE(ftruncate64)
+ZEFS_RECORD_TRUNCATE(truncate)
+ZEFS_RECORD_TRUNCATE(truncate64)
+ZEFS_RECORD_SENDFILE(sendfile)
+ZEFS_RECORD_SENDFILE(sendfile64)
 
 ZEFS_RECORDED ssize_t write(int fd, const void* buffer, std::size_t size) {
   ZEFS_NEXT(write);

@@ -14,9 +14,7 @@ namespace zefs::test {
 namespace {
 
 using testing::Contains;
-using testing::Each;
 using testing::ElementsAre;
-using testing::Not;
 
 constexpr std::size_t kSector = ModelDisk::kSector;
 

@@ -41,7 +41,7 @@ class PowerCutTest : public MergeTest {
   PowerCuts ExpectLasting(const RecordedRun& run, Names names, const std::string& kind,
                           const std::vector<std::string>& states,
                           const std::vector<std::size_t>& lasting = {}) {
-    const PowerCuts cuts =
+    PowerCuts cuts =
         CutEverywhere(run, names, kind, [&](Moment moment, const std::string& outcome) {
           const std::size_t from = lasting.empty() ? moment.done : lasting.at(moment.done);
           for (std::size_t i = from; i <= moment.done + 1 && i < states.size(); ++i) {

@@ -1,6 +1,11 @@
 // Random lives of a table, and power cuts at every call of them: whatever was acknowledged is
 // there.
 
+#include <array>
+#include <random>
+
+#include "tests/support/figures.h"
+#include "tests/support/property.h"
 #include "tests/system/power_cut/power_cut_fixture.h"
 
 namespace zefs::test {
