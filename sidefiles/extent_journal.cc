@@ -53,6 +53,18 @@ struct Descriptor {
   const int fd;
 };
 
+/// Makes the names of the directory of a file last. 0, or -1.
+int SyncDirectoryOf(const std::string& path) {
+  const fs::path parent = fs::path(path).parent_path();
+  const int fd =
+      ::open64(parent.empty() ? "." : parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd == -1) {
+    return -1;
+  }
+  const Descriptor directory(fd);
+  return safe_fsync(directory.fd);
+}
+
 Extent MakeRecord(long start, long end, long offset, unsigned long dcid,
                   const std::array<unsigned char, 32>& fp) {
   Extent record{};
@@ -341,6 +353,7 @@ int ExtentJournal::Destroy() {
   const std::lock_guard<std::mutex> lock(mutex_);
   Close();
   buffer_.clear();
+  bool removed = false;
   if (fs::exists(fs::status(path_))) {
     const int ret = ::unlink(path_.c_str());
     if (ret != 0) {
@@ -348,11 +361,22 @@ int ExtentJournal::Destroy() {
                path_.c_str(), ret);
       return ret;
     }
+    removed = true;
   }
   if (fs::exists(fs::status(replayPath_))) {
     const int ret = ::unlink(replayPath_.c_str());
     if (ret != 0) {
       ZEFS_LOG(zefs::kLogFailure, "failed to unlink replay file with path_=%s, return=%d",
+               path_.c_str(), ret);
+      return ret;
+    }
+    removed = true;
+  }
+  if (removed) {
+    // A journal that a power cut brought back would undo what has made it void.
+    const int ret = SyncDirectoryOf(path_);
+    if (ret != 0) {
+      ZEFS_LOG(zefs::kLogFailure, "failed to sync extent journal with path_=%s, return=%d",
                path_.c_str(), ret);
       return ret;
     }

@@ -121,8 +121,10 @@ class ExtentJournal {
   /// Stops and closes; buffered records stay in the buffer. Always 0. Takes no lock.
   int Close();
 
-  /// Stops, closes, drops the buffered records and removes both files, those that exist. Returns 0
-  /// or -1 from the first unlink that failed. Holds `mutex_` throughout.
+  /// Stops, closes, drops the buffered records and removes both files, those that exist, and syncs
+  /// their directory, so that they are gone for good when this returns: no power cut brings them
+  /// back. Returns 0, or -1 from the first unlink that failed or from the sync. Holds `mutex_`
+  /// throughout.
   int Destroy();
 
   /// Empties the buffer and touches no file. Takes no lock.

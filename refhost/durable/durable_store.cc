@@ -63,6 +63,9 @@ DurableStore::DurableStore(const std::string& path, const DurableStoreOptions& o
     // For the whole process, and never off again: what a table keeps would be shown again later.
     FileSystemDaemonConfig::GetInstance().Set(&FileSystemDaemonConfig::prefetchEnabled, 1);
   }
+  // Index and catalogue may have been made just now: what a sync puts into them is not to be lost
+  // with their names.
+  SyncDirectory(directory_.path());
   SettleMoves();
   RemoveOrphans();
   FinishCompactionIfAny();

@@ -64,6 +64,10 @@ LmdbFile::LmdbFile(std::string path, std::size_t mapBytes, unsigned int flags)
     Transaction transaction(*this, readOnly ? MDB_RDONLY : 0);
     Require(mdb_dbi_open(transaction.get(), nullptr, readOnly ? 0 : MDB_CREATE, &dbi_), "open");
     transaction.Commit();
+    if (!readOnly) {
+      // An empty file has not been synced by any commit, and half of one cannot be opened again.
+      Require(mdb_env_sync(env_, 1), "sync");
+    }
   } catch (...) {
     mdb_env_close(env_);
     throw;

@@ -150,12 +150,12 @@ TEST_F(FlushFaultTest, AForcedFlushOfAGenericTableAtEachOfItsCalls) {
                      {Call::kMdbTxnCommit, "txn_commit", "L"},
                      {Call::kMdbStat, "stat", "S"},
                      {Call::kMdbGet, "get", ""},
-                     {Call::kOpen, "open", "-A"},
+                     {Call::kOpen, "open", "-A-"},
                      {Call::kWrite, "write", "AAA-"},
-                     {Call::kFsync, "fsync", "AAA-"},
+                     {Call::kFsync, "fsync", "AAA--"},
                      {Call::kUnlink, "unlink", "-"},
                      {Call::kStat, "stat", "-FF"},
-                     {Call::kClose, "close", "-"},
+                     {Call::kClose, "close", "--"},
                      {Call::kRename, "rename", ""},
                  });
 }

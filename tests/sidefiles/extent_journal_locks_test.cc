@@ -206,8 +206,8 @@ TEST_F(ExtentJournalLocksTest, DestroyHoldsTheLockThroughout) {
   StartWith(1);
   WriteBytes(ReplayPath(), "x");
   EXPECT_EQ(0, journal_.Destroy());
-  EXPECT_EQ((Calls{"lock", "log extent journal stop, path=P", "close", "unlink", "unlink",
-                   "log Destroy extent journal with path_=P", "unlock"}),
+  EXPECT_EQ((Calls{"lock", "log extent journal stop, path=P", "close", "unlink", "unlink", "open",
+                   "fsync", "close", "log Destroy extent journal with path_=P", "unlock"}),
             Take());
 }
 
