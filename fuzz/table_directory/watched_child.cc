@@ -1,0 +1,251 @@
+#include "fuzz/table_directory/watched_child.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <execinfo.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <ucontext.h>
+
+#include "fuzz/fuzz_support.h"
+#include "fuzz/table_directory/lmdb_calls.h"
+
+#ifdef __SANITIZE_ADDRESS__
+// The signals are for the handler below, and a report ends in one of them.
+extern "C" const char* __asan_default_options() {  // NOLINT(bugprone-reserved-identifier)
+  return "handle_segv=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0:handle_abort=0:"
+         "abort_on_error=1:detect_leaks=0:detect_stack_use_after_return=0";
+}
+extern "C" const char* __ubsan_default_options() {  // NOLINT(bugprone-reserved-identifier)
+  return "abort_on_error=1:print_stacktrace=1";
+}
+#endif
+
+namespace zefs::fuzz {
+
+namespace {
+
+#ifdef __SANITIZE_ADDRESS__
+constexpr time_t kSeconds = 30;
+#else
+constexpr time_t kSeconds = 8;
+#endif
+constexpr std::size_t kStackBytes = 1U << 18;
+constexpr int kMostFrames = 64;
+constexpr int kTold = 70;  // exit status of a child that has told its end on the pipe
+
+int tellTo = -1;            // the child's end of the pipe
+unsigned long callsThen = 0;
+bool alarmed = false;
+
+void Tell(const char* text) {
+  [[maybe_unused]] const ssize_t written = ::write(tellTo, text, std::strlen(text));
+}
+
+/// Whether `address` lies in the map of a database, or where a node of its last page may point.
+bool IsInDatabaseMap(const void* address) {
+  constexpr std::uintptr_t kBehind = 1U << 20;
+  const auto wanted = reinterpret_cast<std::uintptr_t>(address);
+  std::FILE* const maps = std::fopen("/proc/self/maps", "r");
+  if (maps == nullptr) {
+    return false;
+  }
+  std::array<char, 512> line{};
+  bool found = false;
+  while (!found && std::fgets(line.data(), line.size(), maps) != nullptr) {
+    char* rest = nullptr;
+    const std::uintptr_t begin = std::strtoull(line.data(), &rest, 16);
+    const std::uintptr_t end = *rest == '-' ? std::strtoull(rest + 1, nullptr, 16) : 0;
+    found = (std::strstr(line.data(), ".mdb") != nullptr ||
+             std::strstr(line.data(), "mergedb") != nullptr) &&
+            wanted >= begin && wanted < end + kBehind;
+  }
+  std::fclose(maps);
+  return found;
+}
+
+/// "lmdb", "own" or "" for the C library and what else lies in between.
+const char* OwnerOf(const Dl_info& info) {
+  constexpr const char* kBetween[] = {"libc.so", "libc-", "libpthread", "libgcc", "libstdc++",
+                                      "ld-linux", "libasan", "libubsan", "libm", "vdso"};
+  if (std::strstr(info.dli_fname, "liblmdb") != nullptr) {
+    return "lmdb";
+  }
+  const bool between = std::any_of(std::begin(kBetween), std::end(kBetween), [&](const char* name) {
+    return std::strstr(info.dli_fname, name) != nullptr;
+  });
+  return between ? "" : "own";
+}
+
+/// Tells whose code the frames lead to, and the functions: "CULPRIT SIGNAL function function".
+void TellFrames(int signal, const void* address) {
+  std::array<void*, kMostFrames> frames{};
+  const int count = ::backtrace(frames.data(), kMostFrames);
+  std::array<char, 4096> text{};
+  std::size_t length = 0;
+  const auto add = [&](const char* word, unsigned long number, bool withNumber) {
+    const int added =
+        withNumber ? std::snprintf(&text[length], text.size() - length, " %s+0x%lx", word, number)
+                   : std::snprintf(&text[length], text.size() - length, " %s", word);
+    length = std::min(text.size() - 1, length + static_cast<std::size_t>(std::max(added, 0)));
+  };
+  const char* owner = "";
+  bool heap = false;
+  bool behindTrampoline = false;
+  for (int i = 0; i < count; ++i) {
+    Dl_info info{};
+    if (::dladdr(frames.at(static_cast<std::size_t>(i)), &info) == 0 || info.dli_fname == nullptr) {
+      continue;
+    }
+    const char* const here = OwnerOf(info);
+    if (!behindTrampoline) {
+      // The handler's own frames come first, and then the C library's return from a signal.
+      behindTrampoline = *here == '\0';
+      continue;
+    }
+    if (*owner == '\0') {
+      owner = here;
+      const char* const name = info.dli_sname == nullptr ? "" : info.dli_sname;
+      heap = heap || std::strstr(name, "free") != nullptr || std::strstr(name, "alloc") != nullptr;
+    }
+    const auto at = reinterpret_cast<std::uintptr_t>(frames.at(static_cast<std::size_t>(i)));
+    if (std::strcmp(here, "lmdb") == 0) {
+      add(info.dli_sname == nullptr ? "lmdb" : info.dli_sname,
+          at - reinterpret_cast<std::uintptr_t>(info.dli_fbase), true);
+    } else if (std::strcmp(here, "own") == 0) {
+      add(info.dli_sname == nullptr ? "?" : info.dli_sname,
+          at - reinterpret_cast<std::uintptr_t>(info.dli_fbase), info.dli_sname == nullptr);
+    }
+  }
+  const char* culprit = std::strcmp(owner, "lmdb") == 0 ? "lmdb" : "own";
+  if ((signal == SIGBUS || signal == SIGSEGV) && std::strcmp(owner, "lmdb") != 0 &&
+      IsInDatabaseMap(address)) {
+    culprit = "address";
+  } else if (signal == SIGABRT && heap) {
+    culprit = "heap";
+  }
+  if (signal == SIGALRM) {
+    culprit = InsideLmdb() != nullptr && LmdbCalls() == callsThen ? "lmdb" : "own";
+  }
+  Tell(culprit);
+  Tell(" ");
+  Tell(signal == SIGALRM ? "HANG" : ::sigabbrev_np(signal));
+  Tell(text.data());
+}
+
+void OnSignal(int signal, siginfo_t* info, void* /*context*/) {
+  if (signal == SIGALRM && !alarmed) {
+    alarmed = true;
+    callsThen = LmdbCalls();
+    ::alarm(1);
+    return;
+  }
+  TellFrames(signal, info->si_addr);
+  ::_exit(kTold);
+}
+
+void Watch() {
+  static std::array<char, kStackBytes> stack;
+  stack_t alternate{};
+  alternate.ss_sp = stack.data();
+  alternate.ss_size = stack.size();
+  ::sigaltstack(&alternate, nullptr);
+  struct sigaction action {};
+  action.sa_sigaction = &OnSignal;
+  action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
+  for (const int signal : {SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL, SIGALRM}) {
+    ::sigaction(signal, &action, nullptr);
+  }
+#ifndef __SANITIZE_ADDRESS__
+  constexpr rlim_t kAddressSpace = rlim_t{64} << 30;  // five maps
+  const rlimit space{kAddressSpace, kAddressSpace};
+  ::setrlimit(RLIMIT_AS, &space);
+#endif
+  const rlimit none{0, 0};
+  ::setrlimit(RLIMIT_CORE, &none);
+  ::alarm(kSeconds);
+}
+
+std::string ReadAll(int fd) {
+  std::string text;
+  std::array<char, 4096> bytes{};
+  for (;;) {
+    const ssize_t got = ::read(fd, bytes.data(), bytes.size());
+    if (got <= 0) {
+      return text;
+    }
+    text.append(bytes.data(), static_cast<std::size_t>(got));
+  }
+}
+
+Culprit CulpritOf(const std::string& told) {
+  const std::string word = told.substr(0, told.find(' '));
+  if (word == "lmdb") {
+    return Culprit::kLmdb;
+  }
+  if (word == "address") {
+    return Culprit::kLmdbAddress;
+  }
+  return word == "heap" ? Culprit::kHeap : Culprit::kOwn;
+}
+
+[[noreturn]] void BeChild(const std::function<std::string()>& life, int tell, int words) {
+  tellTo = tell;
+  ::dup2(words, STDERR_FILENO);
+  ::dup2(words, STDOUT_FILENO);
+  Watch();
+  const std::string result = life();
+  Tell(result.c_str());
+  ::_exit(0);
+}
+
+}  // namespace
+
+Ending RunWatched(const std::function<std::string()>& life) {
+  // The first backtrace loads a library, which the handler must not do.
+  static const int primed = [] {
+    std::array<void*, 2> frames{};
+    return ::backtrace(frames.data(), 2);
+  }();
+  Require(primed != 0, "there are no backtraces");
+  const int words = ::memfd_create("words", MFD_CLOEXEC);
+  int ends[2] = {-1, -1};
+  Require(words != -1 && ::pipe2(ends, O_CLOEXEC) == 0, "no pipe to a child process");
+  std::fflush(nullptr);
+  const pid_t child = ::fork();
+  Require(child != -1, "there is no child process");
+  if (child == 0) {
+    BeChild(life, ends[1], words);
+  }
+  ::close(ends[1]);
+  Ending ending;
+  ending.what = ReadAll(ends[0]);
+  ::close(ends[0]);
+  int status = 0;
+  while (::waitpid(child, &status, 0) == -1 && errno == EINTR) {
+  }
+  ::lseek(words, 0, SEEK_SET);
+  ending.words = ReadAll(words);
+  ::close(words);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    const bool told = WIFEXITED(status) && WEXITSTATUS(status) == kTold && !ending.what.empty();
+    ending.culprit = told ? CulpritOf(ending.what) : Culprit::kOwn;
+    if (!told) {
+      ending.what += " ended with wait status " + std::to_string(status);
+    }
+  }
+  return ending;
+}
+
+}  // namespace zefs::fuzz
