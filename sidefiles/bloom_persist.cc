@@ -147,7 +147,7 @@ int BloomPersist::Reset(bool noMmap) {
       ZEFS_LOG(kLogFailure, "close file failed, return is %d, errno is %d", closed, errno);
     }
   }
-  fd_ = ::open64(path_.c_str(), readOnly_ ? O_RDONLY : O_WRONLY | O_CREAT | O_APPEND,
+  fd_ = ::open64(path_.c_str(), (readOnly_ ? O_RDONLY : O_WRONLY | O_CREAT | O_APPEND) | O_NONBLOCK,
                  S_IRUSR | S_IWUSR);
   if (fd_ == -1) {
     ZEFS_LOG(kLogFailure, "failed to open file %s, errno is %d", path_.c_str(), errno);

@@ -172,7 +172,7 @@ int DcOffsetStore::Write(DcOffsetSet offsets) {
 
 int DcOffsetStore::Open() {
   if (fd_ == -1) {
-    fd_ = ::open64(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, S_IRUSR | S_IWUSR);
+    fd_ = ::open64(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK, S_IRUSR | S_IWUSR);
     if (fd_ == -1) {
       const int error = errno;
       ZEFS_LOG(kLogFailure, "failed to open dc offset file: %s, errno:%d", path_.c_str(), error);
@@ -222,7 +222,7 @@ int DcOffsetStore::Read(std::vector<DCOffset>* out) {
     return 0;
   }
   out->clear();
-  const int fd = ::open64(path_.c_str(), O_RDONLY, S_IRUSR | S_IWUSR);
+  const int fd = ::open64(path_.c_str(), O_RDONLY | O_NONBLOCK, S_IRUSR | S_IWUSR);
   if (fd == -1) {
     ZEFS_LOG(kLogFailure, "failed to open dcoffset, path=%s, ret=%d", path_.c_str(), 0);
     return -1;
