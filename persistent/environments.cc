@@ -4,6 +4,7 @@
 #include <boost/filesystem/operations.hpp>
 
 #include "host/zefs_log.h"
+#include "persistent/database_file.h"
 #include "persistent/mapping_lmdb.h"
 #include "persistent/transaction.h"
 
@@ -63,7 +64,10 @@ int CMappingLMDB::SetupDBEnv(const std::string& dbPath, LMDBContext* db, unsigne
     ZEFS_LOG(kLogFailure, "Failed to set max dbs for db env, return value is %d", ret);
     return ret;
   }
-  ret = mdb_env_open(db->env, dbPath.c_str(), kEnvFlags, kFileMode);
+  ret = CheckDatabaseFile(dbPath);
+  if (ret == 0) {
+    ret = mdb_env_open(db->env, dbPath.c_str(), kEnvFlags, kFileMode);
+  }
   if (ret != 0) {
     DiscardEnv(db);
     ZEFS_LOG(kLogFailure, "Failed to open env for db %s, return value is %d", dbPath.c_str(), ret);
