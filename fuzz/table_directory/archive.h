@@ -33,11 +33,12 @@ struct Entry {
 };
 
 /// Entry after entry: the length of the name (1 byte) and the name, the length of the file (4
-/// bytes), then runs, each a number of zeros (2 bytes), a number of bytes (2 bytes) and those bytes,
-/// until the file is full or a run is empty; the rest is zeros.
+/// bytes), then runs, each a number of zeros (2 bytes), a number of bytes (2 bytes) and those
+/// bytes, until the file is full or a run is empty; the rest is zeros.
 std::string PackDirectory(const std::vector<Entry>& entries);
 
-/// Any bytes are a directory: names are made harmless, files cut at 4 MiB, and there are at most 16.
+/// Any bytes are a directory: names are made harmless, files cut at 4 MiB, and there are at
+/// most 16.
 std::vector<Entry> UnpackDirectory(ByteReader* reader);
 
 /// The regular files of a directory by name, without lock files.

@@ -124,8 +124,8 @@ class DatabaseImage {
     if (page == 0 || nodes == 0) {
       return 0;
     }
-    return page + static_cast<std::size_t>(NumberAt(
-                      bytes_, page + kPageHeaderBytes + damage_.node % nodes * 2, 2));
+    return page + static_cast<std::size_t>(
+                      NumberAt(bytes_, page + kPageHeaderBytes + damage_.node % nodes * 2, 2));
   }
   void Poke(std::size_t at, std::size_t width) {
     std::uint64_t number = damage_.value;
@@ -291,8 +291,8 @@ void ApplyToFile(const Damage& damage, const fs::path& file, const fs::path& oth
       Resize(file, size + damage.value % (16 * kPageBytes));
       break;
     case DamageKind::kSparseFile:
-      Resize(file, file.string().find("mdb") != std::string::npos ? kSparseDatabase
-                                                                  : kSparseSideFile);
+      Resize(file,
+             file.string().find("mdb") != std::string::npos ? kSparseDatabase : kSparseSideFile);
       break;
     case DamageKind::kEmptyFile:
       Resize(file, 0);
@@ -301,7 +301,10 @@ void ApplyToFile(const Damage& damage, const fs::path& file, const fs::path& oth
       fs::remove(file);
       break;
     case DamageKind::kOtherFile:
-      replace([&] { zefs::test::WriteBytes(file, zefs::test::BytesOf(other)); });
+      if (fs::is_regular_file(fs::symlink_status(other))) {
+        const std::string bytes = zefs::test::BytesOf(other);
+        replace([&] { zefs::test::WriteBytes(file, bytes); });
+      }
       break;
     case DamageKind::kGarbageFile:
       replace([&] {
@@ -365,8 +368,7 @@ void ApplyToFiles(const Damage& damage, const std::string& directory) {
   if (damage.kind >= DamageKind::kCutFile && damage.kind <= DamageKind::kUnreadable) {
     const fs::path file = root / kPossibleFiles[damage.file % std::size(kPossibleFiles)];
     const fs::path other = root / kPossibleFiles[damage.node % std::size(kPossibleFiles)];
-    const bool makes =
-        damage.kind >= DamageKind::kOtherFile && damage.kind <= DamageKind::kFifo;
+    const bool makes = damage.kind >= DamageKind::kOtherFile && damage.kind <= DamageKind::kFifo;
     if (makes || fs::is_regular_file(fs::symlink_status(file))) {
       ApplyToFile(damage, file, other);
     }

@@ -33,7 +33,7 @@ using Aldenta::Qnd::Morene::Zefs::SysException;
 
 constexpr long kLast = std::numeric_limits<long>::max();
 constexpr long kFirst = std::numeric_limits<long>::min();
-constexpr std::size_t kMostSteps = 500000;            // more than records fit into an input
+constexpr std::size_t kMostSteps = 500000;             // more than records fit into an input
 constexpr std::size_t kLargestAllocation = 64U << 20;  // likewise
 constexpr std::uintmax_t kLargestCopied = 16U << 20;   // bytes of a file, for a snapshot
 
@@ -129,9 +129,9 @@ class Life {
     }
   }
   void Plan() {
-    for (const auto& range : {CMappingTable::PrefetchRange{0, kLast, 1},
-                              CMappingTable::PrefetchRange{4096, 20000, 2},
-                              CMappingTable::PrefetchRange{kFirst, 1 << 20, 3}}) {
+    for (const auto& range :
+         {CMappingTable::PrefetchRange{0, kLast, 1}, CMappingTable::PrefetchRange{4096, 20000, 2},
+          CMappingTable::PrefetchRange{kFirst, 1 << 20, 3}}) {
       std::list<CMappingTable::DCInfo> plan;
       table_->GetDCInfoList(range, &plan);
     }

@@ -9,8 +9,8 @@ namespace zefs::fuzz {
 /// What a life has come to, for the tally: "loaded", "loaded, operations failed", or why it was
 /// refused.
 struct LifeResult {
-  std::string load;           ///< "loaded", or how the load ended
-  unsigned failures = 0;      ///< operations that threw or gave a code
+  std::string load;       ///< "loaded", or how the load ended
+  unsigned failures = 0;  ///< operations that threw or gave a code
 };
 
 /// Loads the table in `directory`, has it do everything that a host asks of a table, in an order of

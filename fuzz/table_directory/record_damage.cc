@@ -62,7 +62,7 @@ void Change(const Damage& damage, MDB_txn* txn, MDB_dbi dbi) {
                                     std::numeric_limits<std::int64_t>::min() + 4,
                                     4096};
   const std::uint64_t key = SomeKey(damage);
-  const auto end = static_cast<std::int64_t>(key);
+  const auto start = static_cast<std::int64_t>(key - 4096);
   switch (damage.kind) {
     case DamageKind::kPutRecord:
       Put(txn, dbi, KeyBytes(key),
@@ -76,7 +76,7 @@ void Change(const Damage& damage, MDB_txn* txn, MDB_dbi dbi) {
     }
     case DamageKind::kOddValue: {
       constexpr std::size_t kSizes[] = {0, 1, 7, 8, 9, 39, 40, 48, 64, 71, 73, 100, 2000, 9000};
-      std::string value = Extent(end - 4096, damage);
+      std::string value = Extent(start, damage);
       value.resize(kSizes[damage.unused % std::size(kSizes)], '\x7f');
       Put(txn, dbi, KeyBytes(key), value);
       break;
@@ -85,11 +85,12 @@ void Change(const Damage& damage, MDB_txn* txn, MDB_dbi dbi) {
       constexpr std::size_t kSizes[] = {1, 2, 4, 7, 9, 16, 100, 511};
       std::string bytes = KeyBytes(key);
       bytes.resize(kSizes[damage.unused % std::size(kSizes)], '\0');
-      Put(txn, dbi, bytes, Extent(end - 4096, damage));
+      Put(txn, dbi, bytes, Extent(start, damage));
       break;
     }
     case DamageKind::kReversedExtent:
-      Put(txn, dbi, KeyBytes(key), Extent(end + 1 + damage.page, damage));
+      Put(txn, dbi, KeyBytes(key),
+          Extent(static_cast<std::int64_t>(key + 1 + damage.page), damage));
       break;
     case DamageKind::kExtremeExtent:
       Put(txn, dbi, KeyBytes(static_cast<std::uint64_t>(kEnds[damage.unused % 8])),

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <sstream>
 
 #include <boost/filesystem/operations.hpp>
 
@@ -14,17 +15,27 @@ namespace {
 
 namespace fs = boost::filesystem;
 
-/// The culprit, the signal and the innermost named function, and LMDB's own word if it has one.
+/// The culprit, the signal and LMDB's function that was called, or else the innermost function, and
+/// what LMDB itself says if it does.
 std::string ClassOf(const Ending& ending) {
-  std::string text = ending.what;
-  std::size_t end = text.find(' ');
-  for (int words = 1; words < 3 && end != std::string::npos; ++words) {
-    end = text.find(' ', end + 1);
+  std::istringstream words(ending.what);
+  std::string culprit;
+  std::string signal;
+  std::string function;
+  words >> culprit >> signal >> function;
+  const auto isLmdb = [](const std::string& name) { return name.find("mdb_") < 2; };
+  // Only the functions that LMDB exports have names, so the outermost is the one that counts.
+  for (std::string outer; culprit == "lmdb" && words >> outer && isLmdb(outer);) {
+    function = outer;
   }
-  text = text.substr(0, end);
+  if (culprit == "lmdb") {
+    function.resize(std::min(function.find('+'), function.size()));
+  }
+  std::string text = culprit + ' ' + signal + ' ' + function;
   const std::size_t assertion = ending.words.find("Assertion '");
   if (assertion != std::string::npos) {
-    text += " (" + ending.words.substr(assertion, ending.words.find('\n', assertion) - assertion) + ")";
+    text +=
+        " (" + ending.words.substr(assertion, ending.words.find('\n', assertion) - assertion) + ")";
   }
   return text;
 }

@@ -10,16 +10,18 @@
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <sstream>
+#include <ucontext.h>
 #include <unistd.h>
 
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/time.h>
 #include <sys/wait.h>
-#include <ucontext.h>
 
 #include "fuzz/fuzz_support.h"
 #include "fuzz/table_directory/lmdb_calls.h"
+#include "fuzz/table_directory/symbols.h"
 
 #ifdef __SANITIZE_ADDRESS__
 // The signals are for the handler below, and a report ends in one of them.
@@ -45,7 +47,7 @@ constexpr std::size_t kStackBytes = 1U << 18;
 constexpr int kMostFrames = 64;
 constexpr int kTold = 70;  // exit status of a child that has told its end on the pipe
 
-int tellTo = -1;            // the child's end of the pipe
+int tellTo = -1;  // the child's end of the pipe
 unsigned long callsThen = 0;
 bool alarmed = false;
 
@@ -77,8 +79,8 @@ bool IsInDatabaseMap(const void* address) {
 
 /// "lmdb", "own" or "" for the C library and what else lies in between.
 const char* OwnerOf(const Dl_info& info) {
-  constexpr const char* kBetween[] = {"libc.so", "libc-", "libpthread", "libgcc", "libstdc++",
-                                      "ld-linux", "libasan", "libubsan", "libm", "vdso"};
+  constexpr const char* kBetween[] = {"libc.so",  "libc-",   "libpthread", "libgcc", "libstdc++",
+                                      "ld-linux", "libasan", "libubsan",   "libm",   "vdso"};
   if (std::strstr(info.dli_fname, "liblmdb") != nullptr) {
     return "lmdb";
   }
@@ -94,10 +96,8 @@ void TellFrames(int signal, const void* address) {
   const int count = ::backtrace(frames.data(), kMostFrames);
   std::array<char, 4096> text{};
   std::size_t length = 0;
-  const auto add = [&](const char* word, unsigned long number, bool withNumber) {
-    const int added =
-        withNumber ? std::snprintf(&text[length], text.size() - length, " %s+0x%lx", word, number)
-                   : std::snprintf(&text[length], text.size() - length, " %s", word);
+  const auto add = [&](const char* word, unsigned long number) {
+    const int added = std::snprintf(&text[length], text.size() - length, " %s+0x%lx", word, number);
     length = std::min(text.size() - 1, length + static_cast<std::size_t>(std::max(added, 0)));
   };
   const char* owner = "";
@@ -121,11 +121,10 @@ void TellFrames(int signal, const void* address) {
     }
     const auto at = reinterpret_cast<std::uintptr_t>(frames.at(static_cast<std::size_t>(i)));
     if (std::strcmp(here, "lmdb") == 0) {
-      add(info.dli_sname == nullptr ? "lmdb" : info.dli_sname,
-          at - reinterpret_cast<std::uintptr_t>(info.dli_fbase), true);
+      add(info.dli_sname == nullptr ? "mdb_" : info.dli_sname,
+          at - reinterpret_cast<std::uintptr_t>(info.dli_fbase));
     } else if (std::strcmp(here, "own") == 0) {
-      add(info.dli_sname == nullptr ? "?" : info.dli_sname,
-          at - reinterpret_cast<std::uintptr_t>(info.dli_fbase), info.dli_sname == nullptr);
+      add("own", at - reinterpret_cast<std::uintptr_t>(info.dli_fbase));
     }
   }
   const char* culprit = std::strcmp(owner, "lmdb") == 0 ? "lmdb" : "own";
@@ -200,6 +199,44 @@ Culprit CulpritOf(const std::string& told) {
   return word == "heap" ? Culprit::kHeap : Culprit::kOwn;
 }
 
+/// Puts names in the place of what the child has told of this program's frames, "own+0x123".
+std::string WithNames(const std::string& told) {
+  static const Symbols symbols;
+  constexpr const char* kOwnFrame = "own+0x";
+  std::istringstream words(told);
+  std::string named;
+  for (std::string word; words >> word;) {
+    if (word.compare(0, std::strlen(kOwnFrame), kOwnFrame) == 0) {
+      const std::string name =
+          symbols.NameOf(std::strtoull(word.c_str() + std::strlen(kOwnFrame), nullptr, 16));
+      word = name.empty() ? word : name;
+    }
+    named += (named.empty() ? "" : " ") + word;
+  }
+  return named;
+}
+
+/// Whether the child died where LMDB's keys and values are read, of which no more is read than LMDB
+/// tells: at an address or a size that LMDB should not have told.
+bool IsReadOfLmdb(const Ending& ending) {
+  constexpr const char* kReaders[] = {"10ReadRecord", "7ReadKey", "LMDBKeyCompare", "SpecialValueC",
+                                      "CompareKeys"};
+  const std::size_t sanitizer = ending.words.find("AddressSanitizer: ");
+  if (sanitizer != std::string::npos &&
+      ending.words.compare(sanitizer, 38, "AddressSanitizer: heap-buffer-overflow") != 0) {
+    return false;
+  }
+  std::istringstream words(ending.what);
+  std::string culprit;
+  std::string signal;
+  std::string function;
+  words >> culprit >> signal >> function;
+  return (signal != "ABRT" || sanitizer != std::string::npos) &&
+         std::any_of(std::begin(kReaders), std::end(kReaders), [&](const char* reader) {
+           return function.find(reader) != std::string::npos;
+         });
+}
+
 [[noreturn]] void BeChild(const std::function<std::string()>& life, int tell, int words) {
   tellTo = tell;
   ::dup2(words, STDERR_FILENO);
@@ -241,6 +278,11 @@ Ending RunWatched(const std::function<std::string()>& life) {
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
     const bool told = WIFEXITED(status) && WEXITSTATUS(status) == kTold && !ending.what.empty();
     ending.culprit = told ? CulpritOf(ending.what) : Culprit::kOwn;
+    ending.what = WithNames(ending.what);
+    if (ending.culprit == Culprit::kOwn && IsReadOfLmdb(ending)) {
+      ending.culprit = Culprit::kLmdbAddress;
+      ending.what.replace(0, ending.what.find(' '), "address");
+    }
     if (!told) {
       ending.what += " ended with wait status " + std::to_string(status);
     }
