@@ -55,26 +55,32 @@ void Tell(const char* text) {
   [[maybe_unused]] const ssize_t written = ::write(tellTo, text, std::strlen(text));
 }
 
-/// Whether `address` lies in the map of a database, or where a node of its last page may point.
+/// Whether `address` lies in the map of a database, or where a node of its last page may point. The
+/// heap may be damaged: none of it is used.
 bool IsInDatabaseMap(const void* address) {
   constexpr std::uintptr_t kBehind = 1U << 20;
+  static std::array<char, 1U << 17> maps;
+  const int fd = ::open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+  std::size_t length = 0;
+  for (ssize_t got = 1; got > 0 && length + 1 < maps.size();) {
+    got = ::read(fd, &maps[length], maps.size() - 1 - length);
+    length += static_cast<std::size_t>(std::max(got, ssize_t{0}));
+  }
+  ::close(fd);
+  maps[length] = '\0';
   const auto wanted = reinterpret_cast<std::uintptr_t>(address);
-  std::FILE* const maps = std::fopen("/proc/self/maps", "r");
-  if (maps == nullptr) {
-    return false;
+  char* rest = nullptr;
+  for (char* line = ::strtok_r(maps.data(), "\n", &rest); line != nullptr;
+       line = ::strtok_r(nullptr, "\n", &rest)) {
+    char* dash = nullptr;
+    const std::uintptr_t begin = std::strtoull(line, &dash, 16);
+    const std::uintptr_t end = *dash == '-' ? std::strtoull(dash + 1, nullptr, 16) : 0;
+    if ((std::strstr(line, ".mdb") != nullptr || std::strstr(line, "mergedb") != nullptr) &&
+        wanted >= begin && wanted < end + kBehind) {
+      return true;
+    }
   }
-  std::array<char, 512> line{};
-  bool found = false;
-  while (!found && std::fgets(line.data(), line.size(), maps) != nullptr) {
-    char* rest = nullptr;
-    const std::uintptr_t begin = std::strtoull(line.data(), &rest, 16);
-    const std::uintptr_t end = *rest == '-' ? std::strtoull(rest + 1, nullptr, 16) : 0;
-    found = (std::strstr(line.data(), ".mdb") != nullptr ||
-             std::strstr(line.data(), "mergedb") != nullptr) &&
-            wanted >= begin && wanted < end + kBehind;
-  }
-  std::fclose(maps);
-  return found;
+  return false;
 }
 
 /// "lmdb", "own" or "" for the C library and what else lies in between.
@@ -150,6 +156,12 @@ void OnSignal(int signal, siginfo_t* info, void* /*context*/) {
     ::alarm(1);
     return;
   }
+  static bool telling = false;
+  if (telling) {  // the frames cannot be told
+    Tell("heap NESTED signals");
+    ::_exit(kTold);
+  }
+  telling = true;
   TellFrames(signal, info->si_addr);
   ::_exit(kTold);
 }
