@@ -97,7 +97,7 @@ const char* OwnerOf(const Dl_info& info) {
 }
 
 /// Tells whose code the frames lead to, and the functions: "CULPRIT SIGNAL function function".
-void TellFrames(int signal, const void* address) {
+void TellFrames(int signal, const void* address, const void* interrupted) {
   std::array<void*, kMostFrames> frames{};
   const int count = ::backtrace(frames.data(), kMostFrames);
   std::array<char, 4096> text{};
@@ -108,24 +108,21 @@ void TellFrames(int signal, const void* address) {
   };
   const char* owner = "";
   bool heap = false;
-  bool behindTrampoline = false;
-  for (int i = 0; i < count; ++i) {
+  // The handler's own frames come first.
+  void* const* const last = frames.data() + count;
+  void* const* const first = std::find(static_cast<void* const*>(frames.data()), last, interrupted);
+  for (void* const* frame = first == last ? frames.data() : first; frame != last; ++frame) {
     Dl_info info{};
-    if (::dladdr(frames.at(static_cast<std::size_t>(i)), &info) == 0 || info.dli_fname == nullptr) {
+    if (::dladdr(*frame, &info) == 0 || info.dli_fname == nullptr) {
       continue;
     }
     const char* const here = OwnerOf(info);
-    if (!behindTrampoline) {
-      // The handler's own frames come first, and then the C library's return from a signal.
-      behindTrampoline = *here == '\0';
-      continue;
-    }
     if (*owner == '\0') {
       owner = here;
       const char* const name = info.dli_sname == nullptr ? "" : info.dli_sname;
       heap = heap || std::strstr(name, "free") != nullptr || std::strstr(name, "alloc") != nullptr;
     }
-    const auto at = reinterpret_cast<std::uintptr_t>(frames.at(static_cast<std::size_t>(i)));
+    const auto at = reinterpret_cast<std::uintptr_t>(*frame);
     if (std::strcmp(here, "lmdb") == 0) {
       add(info.dli_sname == nullptr ? "mdb_" : info.dli_sname,
           at - reinterpret_cast<std::uintptr_t>(info.dli_fbase));
@@ -149,7 +146,7 @@ void TellFrames(int signal, const void* address) {
   Tell(text.data());
 }
 
-void OnSignal(int signal, siginfo_t* info, void* /*context*/) {
+void OnSignal(int signal, siginfo_t* info, void* context) {
   if (signal == SIGALRM && !alarmed) {
     alarmed = true;
     callsThen = LmdbCalls();
@@ -162,7 +159,9 @@ void OnSignal(int signal, siginfo_t* info, void* /*context*/) {
     ::_exit(kTold);
   }
   telling = true;
-  TellFrames(signal, info->si_addr);
+  const auto* const machine = static_cast<const ucontext_t*>(context);
+  TellFrames(signal, info->si_addr,
+             reinterpret_cast<const void*>(machine->uc_mcontext.gregs[REG_RIP]));
   ::_exit(kTold);
 }
 
