@@ -25,7 +25,7 @@ constexpr std::array<const char*, static_cast<std::size_t>(DamageKind::kCount)> 
     "meta: pad",
     "meta: flags",
     "meta: depth",
-    "meta: counts of pages",
+    "meta: number of leaf pages",
     "meta: entries",
     "meta: root",
     "meta: last page",

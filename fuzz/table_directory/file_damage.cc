@@ -59,7 +59,6 @@ class DatabaseImage {
       Poke(node + field.at, field.width);
     }
   }
-  void OfKey() { OfNode({kNodeHeaderBytes, 8}); }
   void OfValue() {
     const std::size_t node = NodeAt();
     if (node != 0) {
@@ -150,100 +149,74 @@ class DatabaseImage {
   std::string bytes_;
 };
 
+/// A kind of damage that sets one field.
+struct FieldDamage {
+  DamageKind kind;
+  Field field;
+};
+
+constexpr Field InDb(std::size_t db, const Field& field) {
+  return {db + field.at, field.width};
+}
+
+constexpr FieldDamage kMetaFields[] = {
+    {DamageKind::kMetaMagic, kMetaMagic},
+    {DamageKind::kMetaVersion, kMetaVersion},
+    {DamageKind::kMetaAddress, kMetaAddress},
+    {DamageKind::kMetaMapSize, kMetaMapSize},
+    {DamageKind::kMetaPageSize, InDb(kMetaFreeDb, kDbPad)},
+    {DamageKind::kMetaFreeFlags, InDb(kMetaFreeDb, kDbFlags)},
+    {DamageKind::kMetaFreeDepth, InDb(kMetaFreeDb, kDbDepth)},
+    {DamageKind::kMetaFreeEntries, InDb(kMetaFreeDb, kDbEntries)},
+    {DamageKind::kMetaFreeRoot, InDb(kMetaFreeDb, kDbRoot)},
+    {DamageKind::kMetaMainPad, InDb(kMetaMainDb, kDbPad)},
+    {DamageKind::kMetaMainFlags, InDb(kMetaMainDb, kDbFlags)},
+    {DamageKind::kMetaMainDepth, InDb(kMetaMainDb, kDbDepth)},
+    {DamageKind::kMetaMainPages, InDb(kMetaMainDb, kDbLeafPages)},
+    {DamageKind::kMetaMainEntries, InDb(kMetaMainDb, kDbEntries)},
+    {DamageKind::kMetaMainRoot, InDb(kMetaMainDb, kDbRoot)},
+    {DamageKind::kMetaLastPage, kMetaLastPage},
+    {DamageKind::kMetaTransaction, kMetaTransaction},
+    {DamageKind::kMetaPageFlags, kPageFlags},
+};
+constexpr FieldDamage kPageFields[] = {
+    {DamageKind::kPageNumber, kPageNumber}, {DamageKind::kPageFlags, kPageFlags},
+    {DamageKind::kPageLower, kPageLower},   {DamageKind::kPageUpper, kPageUpper},
+    {DamageKind::kPageRun, kPageRun},
+};
+constexpr FieldDamage kNodeFields[] = {
+    {DamageKind::kNodeSize, kNodeSize},
+    {DamageKind::kNodeFlags, kNodeFlags},
+    {DamageKind::kNodeKeySize, kNodeKeySize},
+    {DamageKind::kNodeChild, {0, 6}},
+    {DamageKind::kKeyBytes, {kNodeHeaderBytes, 8}},
+};
+
+template <typename Fields>
+const Field* FieldOf(DamageKind kind, const Fields& fields) {
+  const auto* const found =
+      std::find_if(std::begin(fields), std::end(fields),
+                   [kind](const FieldDamage& damage) { return damage.kind == kind; });
+  return found == std::end(fields) ? nullptr : &found->field;
+}
+
 /// Damage inside a database. False if `damage` is of another kind.
 bool ApplyToImage(const Damage& damage, DatabaseImage* image) {
-  const auto inDb = [](std::size_t db, const Field& field) {
-    return Field{db + field.at, field.width};
-  };
+  if (const Field* const meta = FieldOf(damage.kind, kMetaFields)) {
+    image->OfMeta(*meta);
+    return true;
+  }
+  if (const Field* const page = FieldOf(damage.kind, kPageFields)) {
+    image->OfPage(*page);
+    return true;
+  }
+  if (const Field* const node = FieldOf(damage.kind, kNodeFields)) {
+    image->OfNode(*node);
+    return true;
+  }
   switch (damage.kind) {
-    case DamageKind::kMetaMagic:
-      image->OfMeta(kMetaMagic);
-      return true;
-    case DamageKind::kMetaVersion:
-      image->OfMeta(kMetaVersion);
-      return true;
-    case DamageKind::kMetaAddress:
-      image->OfMeta(kMetaAddress);
-      return true;
-    case DamageKind::kMetaMapSize:
-      image->OfMeta(kMetaMapSize);
-      return true;
-    case DamageKind::kMetaPageSize:
-      image->OfMeta(inDb(kMetaFreeDb, kDbPad));
-      return true;
-    case DamageKind::kMetaFreeFlags:
-      image->OfMeta(inDb(kMetaFreeDb, kDbFlags));
-      return true;
-    case DamageKind::kMetaFreeDepth:
-      image->OfMeta(inDb(kMetaFreeDb, kDbDepth));
-      return true;
-    case DamageKind::kMetaFreeEntries:
-      image->OfMeta(inDb(kMetaFreeDb, kDbEntries));
-      return true;
-    case DamageKind::kMetaFreeRoot:
-      image->OfMeta(inDb(kMetaFreeDb, kDbRoot));
-      return true;
-    case DamageKind::kMetaMainPad:
-      image->OfMeta(inDb(kMetaMainDb, kDbPad));
-      return true;
-    case DamageKind::kMetaMainFlags:
-      image->OfMeta(inDb(kMetaMainDb, kDbFlags));
-      return true;
-    case DamageKind::kMetaMainDepth:
-      image->OfMeta(inDb(kMetaMainDb, kDbDepth));
-      return true;
-    case DamageKind::kMetaMainPages: {
-      const Field counts[] = {kDbBranchPages, kDbLeafPages, kDbOverflowPages};
-      image->OfMeta(inDb(kMetaMainDb, counts[damage.node % 3]));
-      return true;
-    }
-    case DamageKind::kMetaMainEntries:
-      image->OfMeta(inDb(kMetaMainDb, kDbEntries));
-      return true;
-    case DamageKind::kMetaMainRoot:
-      image->OfMeta(inDb(kMetaMainDb, kDbRoot));
-      return true;
-    case DamageKind::kMetaLastPage:
-      image->OfMeta(kMetaLastPage);
-      return true;
-    case DamageKind::kMetaTransaction:
-      image->OfMeta(kMetaTransaction);
-      return true;
-    case DamageKind::kMetaPageFlags:
-      image->OfMeta(kPageFlags);
-      return true;
-    case DamageKind::kPageNumber:
-      image->OfPage(kPageNumber);
-      return true;
-    case DamageKind::kPageFlags:
-      image->OfPage(kPageFlags);
-      return true;
-    case DamageKind::kPageLower:
-      image->OfPage(kPageLower);
-      return true;
-    case DamageKind::kPageUpper:
-      image->OfPage(kPageUpper);
-      return true;
-    case DamageKind::kPageRun:
-      image->OfPage(kPageRun);
-      return true;
     case DamageKind::kNodeOffset:
       image->OfNodeOffset();
-      return true;
-    case DamageKind::kNodeSize:
-      image->OfNode(kNodeSize);
-      return true;
-    case DamageKind::kNodeFlags:
-      image->OfNode(kNodeFlags);
-      return true;
-    case DamageKind::kNodeKeySize:
-      image->OfNode(kNodeKeySize);
-      return true;
-    case DamageKind::kNodeChild:
-      image->OfNode({0, 6});
-      return true;
-    case DamageKind::kKeyBytes:
-      image->OfKey();
       return true;
     case DamageKind::kValueBytes:
       image->OfValue();
