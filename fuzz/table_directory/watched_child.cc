@@ -25,11 +25,13 @@
 
 #ifdef __SANITIZE_ADDRESS__
 // The signals are for the handler below, and a report ends in one of them.
-extern "C" const char* __asan_default_options() {  // NOLINT(bugprone-reserved-identifier)
+extern "C" [[gnu::visibility("default")]] const char*
+__asan_default_options() {  // NOLINT(bugprone-reserved-identifier)
   return "handle_segv=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0:handle_abort=0:"
          "abort_on_error=1:detect_leaks=0:detect_stack_use_after_return=0";
 }
-extern "C" const char* __ubsan_default_options() {  // NOLINT(bugprone-reserved-identifier)
+extern "C" [[gnu::visibility("default")]] const char*
+__ubsan_default_options() {  // NOLINT(bugprone-reserved-identifier)
   return "abort_on_error=1:print_stacktrace=1";
 }
 #endif
