@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <unistd.h>
 
@@ -89,7 +88,7 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
   zefs::fuzz::MutateCase(seed, &input);
   const std::string changed = WriteCase(input);
   const std::size_t taken = std::min(changed.size(), most);
-  std::memcpy(data, changed.data(), taken);
+  std::copy_n(changed.begin(), taken, data);
   return taken;
 }
 

@@ -21,7 +21,6 @@ namespace {
 
 namespace fs = boost::filesystem;
 using testing::ElementsAre;
-using testing::IsSupersetOf;
 using testing::SizeIs;
 
 /// Damage of both meta pages, and how a load refuses it.
