@@ -17,13 +17,16 @@
 #include <boost/filesystem/operations.hpp>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+/// A fuzzer may know better how to change its inputs; null otherwise.
+extern "C" [[gnu::weak]] std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
+                                                             std::size_t most, unsigned int seed);
 
 namespace {
 
 namespace fs = boost::filesystem;
 using Input = std::vector<std::uint8_t>;
 
-constexpr std::size_t kLargest = 4096;  // bytes of a mutated input
+constexpr std::size_t kLargest = 4096;  // bytes of a mutated input, or that it may grow by
 
 Input ReadFile(const fs::path& path) {
   std::ifstream in(path.string(), std::ios::binary);
@@ -54,8 +57,15 @@ class Mutator {
 
   std::size_t Below(std::size_t limit) { return limit == 0 ? 0 : random_() % limit; }
 
-  /// One to eight changes.
+  /// One to eight changes, or what the fuzzer takes for a change.
   void Mutate(Input* input) {
+    if (LLVMFuzzerCustomMutator != nullptr) {
+      const std::size_t size = input->size();
+      input->resize(size + kLargest);
+      input->resize(LLVMFuzzerCustomMutator(input->data(), size, input->size(),
+                                            static_cast<unsigned int>(random_())));
+      return;
+    }
     for (std::size_t changes = 1 + Below(8); changes > 0; --changes) {
       Change(input);
     }

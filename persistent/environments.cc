@@ -6,6 +6,7 @@
 #include <boost/filesystem/operations.hpp>
 
 #include "host/zefs_log.h"
+#include "persistent/database_file.h"
 #include "persistent/mapping_lmdb.h"
 #include "persistent/transaction.h"
 #include "support/filesystem.h"
@@ -78,6 +79,9 @@ int CMappingLMDB::SetupDBEnv(const std::string& dbPath, LMDBContext* db, unsigne
     return ret;
   }
   ret = UnusableAs(dbPath);
+  if (ret == 0) {
+    ret = CheckDatabaseFile(dbPath);
+  }
   if (ret == 0) {
     ret = mdb_env_open(db->env, dbPath.c_str(), kEnvFlags, kFileMode);
   }

@@ -9,6 +9,7 @@
 #include "persistent/mapping_lmdb.h"
 #include "persistent/merge_policy.h"
 #include "persistent/printed.h"
+#include "persistent/seek.h"
 #include "persistent/transaction.h"
 #include "support/measure_cpu.h"
 #include "table/fingerprint.h"
@@ -342,10 +343,9 @@ int CMappingLMDB::insert2DB(const LMDBContext& /*db*/, MDB_txn* /*txn*/, MDB_cur
   const ObjectID none;
   const ObjectID& id = oid == nullptr ? none : *oid;
   const Extent extent{0, sOff, eOff, objOff, id.dcid, id.fp, ADD};
-  RecordKey wanted(sOff + 1);
-  MDB_val key = wanted.Val();
+  MDB_val key;
   MDB_val value;
-  int ret = mdb_cursor_get(cursor, &key, &value, MDB_SET_RANGE);
+  int ret = SeekRecord(cursor, sOff + 1, &key, &value);
   if (ret != 0 && ret != MDB_NOTFOUND) {
     ZEFS_LOG(kLogFailure, "Failed to read for a cursor, return value is %d", ret);
     return -1;
@@ -365,9 +365,7 @@ int CMappingLMDB::insert2DB(const LMDBContext& /*db*/, MDB_txn* /*txn*/, MDB_cur
     }
     ret = MDB_NOTFOUND;
     if (end != LONG_MAX) {
-      RecordKey behind(end + 1);
-      key = behind.Val();
-      ret = mdb_cursor_get(cursor, &key, &value, MDB_SET_RANGE);
+      ret = SeekRecord(cursor, end + 1, &key, &value);
     }
     if (ret != 0 && ret != MDB_NOTFOUND) {
       ZEFS_LOG(kLogFailure, "Failed to prepare to insert new entry SOff=%lld EOff=%lld, ret:%d",

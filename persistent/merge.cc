@@ -7,6 +7,7 @@
 #include "persistent/mapping_lmdb.h"
 #include "persistent/merge_walk.h"
 #include "persistent/printed.h"
+#include "persistent/seek.h"
 #include "persistent/transaction.h"
 #include "sidefiles/bloom_persist.h"
 
@@ -30,12 +31,8 @@ class MergeSource {
       : transaction_(db, Transaction::kReadOnly, tablePath) {}
 
   /// Positions on the first extent; the special items lie before it.
-  void Begin() {
-    RecordKey first(0);
-    key_ = first.Val();
-    Take(MDB_SET_RANGE);
-  }
-  void Next() { Take(MDB_NEXT); }
+  void Begin() { Take(SeekRecord(transaction_.cursor(), 0, &key_, &value_)); }
+  void Next() { Take(NextRecord(transaction_.cursor(), record_.end, &key_, &value_)); }
 
   int result() const { return ret_; }
   const MergeRecord& record() const { return record_; }
@@ -43,8 +40,8 @@ class MergeSource {
   MDB_val value() const { return value_; }
 
  private:
-  void Take(MDB_cursor_op op) {
-    ret_ = mdb_cursor_get(transaction_.cursor(), &key_, &value_, op);
+  void Take(int ret) {
+    ret_ = ret;
     record_.there = ret_ == 0;
     if (record_.there) {
       entry_ = ReadRecord(value_);

@@ -125,8 +125,8 @@ int CMappingLMDB::MergeAndSwitch() {
     return 0;
   }
   // The tmp database has a name from now on, and no content that a power cut respects before the
-  // first flush into it, which may be far: what is left of an empty database can then not be opened,
-  // nor the table with it. A failure shows at that flush.
+  // first flush into it, which may be far: what is left of an empty database can then not be
+  // opened, nor the table with it. A failure shows at that flush.
   mdb_env_sync(tmpDb_.env, 1);
   MergeDb merged(this);
   PrepareMergeDb(&merged);

@@ -15,6 +15,14 @@ namespace {
 /// a flush; hosts rely on it.
 constexpr std::uint64_t kFirstListedDcid = 63;
 
+/// The record behind that of `*key`. MDB_CORRUPTED for one that is not, as only a damaged tree has
+/// it: a walk that went on from there might have no end.
+int NextListed(LmdbWriteExtentTxn* transaction, long* key, ExtLMDBEntry* entry) {
+  const long last = *key;
+  const int ret = transaction->getWithCursor(key, entry, MDB_NEXT);
+  return ret == 0 && *key <= last ? MDB_CORRUPTED : ret;
+}
+
 }  // namespace
 
 CMappingTable::ObjectIDs CMappingLMDB::GetObjectIdsAndOffsets(unsigned long start,
@@ -38,7 +46,7 @@ CMappingTable::ObjectIDs CMappingLMDB::GetObjectIdsAndOffsets(unsigned long star
       id.fp = entry.fp;
       found.push_back({id, entry.startOffset, key});
     }
-    ret = transaction.getWithCursor(&key, &entry, MDB_NEXT);
+    ret = NextListed(&transaction, &key, &entry);
   }
   if (ret != 0 && ret != MDB_NOTFOUND) {
     ZEFS_LOG(kLogFailure, "Could not get all object ids and offsets for the range [%lu,%lu); %s",
@@ -73,7 +81,7 @@ int CMappingLMDB::UpdateObjectIdsByRange(unsigned long start, unsigned long end,
           return put;
         }
       }
-      ret = transaction.getWithCursor(&key, &entry, MDB_NEXT);
+      ret = NextListed(&transaction, &key, &entry);
     }
   }
   if (ret != 0 && ret != MDB_NOTFOUND) {

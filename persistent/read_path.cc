@@ -6,6 +6,7 @@
 #include "persistent/clipping.h"
 #include "persistent/lmdb_iterator.h"
 #include "persistent/mapping_lmdb.h"
+#include "persistent/seek.h"
 #include "persistent/transaction.h"
 #include "support/measure_cpu.h"
 
@@ -33,9 +34,7 @@ void LogFailedRead(int ret) {
 
 /// Positions `cursor` on the first record that ends behind `offset`.
 int SeekBehind(MDB_cursor* cursor, long offset, MDB_val* key, MDB_val* value) {
-  RecordKey wanted(offset + 1);
-  *key = wanted.Val();
-  return mdb_cursor_get(cursor, key, value, MDB_SET_RANGE);
+  return SeekRecord(cursor, offset + 1, key, value);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include "host/config.h"
 #include "host/zefs_log.h"
 #include "persistent/mapping_lmdb.h"
+#include "persistent/seek.h"
 #include "persistent/transaction.h"
 #include "sidefiles/bloom_persist.h"
 #include "support/measure_cpu.h"
@@ -34,13 +35,14 @@ unsigned long BytesOf(long end, long start) {
 template <typename Take>
 void WalkExtents(const LMDBContext& db, const std::string& tablePath, Take take) {
   const Transaction transaction(db, Transaction::kReadOnly, tablePath);
-  RecordKey first(0);  // the special items lie before it
-  MDB_val key = first.Val();
+  constexpr std::int64_t kFirst = 0;  // the special items lie before it
+  MDB_val key;
   MDB_val value;
-  int ret = mdb_cursor_get(transaction.cursor(), &key, &value, MDB_SET_RANGE);
+  int ret = SeekRecord(transaction.cursor(), kFirst, &key, &value);
   while (ret == 0) {
-    take(ReadKey(key), ReadRecord(value));
-    ret = mdb_cursor_get(transaction.cursor(), &key, &value, MDB_NEXT);
+    const std::int64_t end = ReadKey(key);
+    take(end, ReadRecord(value));
+    ret = NextRecord(transaction.cursor(), end, &key, &value);
   }
   if (ret != MDB_NOTFOUND) {
     ZEFS_LOG(kLogFailure,
@@ -110,7 +112,7 @@ bool CMappingLMDB::LoadBloom(std::unique_ptr<BloomFilter>* bloom,
   const std::string path = PathOf(BLOOM_FILE);
   BloomPersist file(path, true);
   struct stat status {};
-  if (::stat(path.c_str(), &status) != 0 || S_ISFIFO(status.st_mode) ||  // nobody may ever fill it
+  if (::stat(path.c_str(), &status) != 0 ||
       FileSystemDaemonConfig::GetInstance().Get(&FileSystemDaemonConfig::persistBloom) == 0 ||
       file.Reset(noMmap_) != 0) {
     return false;

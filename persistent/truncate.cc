@@ -6,6 +6,7 @@
 #include "host/zefs_log.h"
 #include "persistent/mapping_lmdb.h"
 #include "persistent/printed.h"
+#include "persistent/seek.h"
 #include "persistent/transaction.h"
 #include "support/measure_cpu.h"
 
@@ -24,12 +25,6 @@ void LogFailedRead(int ret) {
   ZEFS_LOG(kLogFailure, "Failed to read for a cursor, return value is %d", ret);
 }
 
-int PositionFrom(const Transaction& transaction, std::int64_t from, MDB_val* key, MDB_val* value) {
-  RecordKey wanted(from);
-  *key = wanted.Val();
-  return mdb_cursor_get(transaction.cursor(), key, value, MDB_SET_RANGE);
-}
-
 /// Deletes the record under the cursor: 0, or -1, and the transaction is aborted.
 int DeleteCurrent(Transaction* transaction) {
   const int ret = mdb_cursor_del(transaction->cursor(), 0);
@@ -46,9 +41,9 @@ int DeleteCurrent(Transaction* transaction) {
 int DeleteBehind(Transaction* transaction, long size) {
   MDB_val key;
   MDB_val value;
-  int ret = PositionFrom(*transaction, size, &key, &value);
+  int ret = SeekRecord(transaction->cursor(), size, &key, &value);
   if (ret == 0 && ReadRecord(value).startOffset < size) {
-    ret = mdb_cursor_get(transaction->cursor(), &key, &value, MDB_NEXT);
+    ret = NextRecord(transaction->cursor(), ReadKey(key), &key, &value);
   }
   while (ret == 0) {
     const std::int64_t end = ReadKey(key);
@@ -58,7 +53,7 @@ int DeleteBehind(Transaction* transaction, long size) {
     // No key is larger than the largest number, and the one after it would be the smallest.
     ret = end == std::numeric_limits<std::int64_t>::max()
               ? MDB_NOTFOUND
-              : PositionFrom(*transaction, end + 1, &key, &value);
+              : SeekRecord(transaction->cursor(), end + 1, &key, &value);
   }
   if (ret != MDB_NOTFOUND) {
     LogFailedRead(ret);

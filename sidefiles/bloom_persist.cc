@@ -14,6 +14,7 @@
 #include "host/file_io.h"
 #include "host/zefs_log.h"
 #include "sidefiles/adler32.h"
+#include "support/filesystem.h"
 #include "table/extent.h"
 #include "table/sys_exception.h"
 
@@ -147,8 +148,8 @@ int BloomPersist::Reset(bool noMmap) {
       ZEFS_LOG(kLogFailure, "close file failed, return is %d, errno is %d", closed, errno);
     }
   }
-  fd_ = ::open64(path_.c_str(), readOnly_ ? O_RDONLY : O_WRONLY | O_CREAT | O_APPEND,
-                 S_IRUSR | S_IWUSR);
+  fd_ = storage::utils::OpenNoPipe(path_, readOnly_ ? O_RDONLY : O_WRONLY | O_CREAT | O_APPEND,
+                                   S_IRUSR | S_IWUSR);
   if (fd_ == -1) {
     ZEFS_LOG(kLogFailure, "failed to open file %s, errno is %d", path_.c_str(), errno);
     return fd_;

@@ -173,12 +173,9 @@ int DcOffsetStore::Write(DcOffsetSet offsets) {
 
 int DcOffsetStore::Open() {
   if (fd_ == -1) {
-    int error = storage::utils::PipeError(path_);
-    if (error == 0) {
-      fd_ = ::open64(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, S_IRUSR | S_IWUSR);
-      error = errno;
-    }
+    fd_ = storage::utils::OpenNoPipe(path_, O_WRONLY | O_CREAT | O_APPEND, S_IRUSR | S_IWUSR);
     if (fd_ == -1) {
+      const int error = errno;
       ZEFS_LOG(kLogFailure, "failed to open dc offset file: %s, errno:%d", path_.c_str(), error);
       return error;
     }
@@ -226,8 +223,7 @@ int DcOffsetStore::Read(std::vector<DCOffset>* out) {
     return 0;
   }
   out->clear();
-  const bool pipe = storage::utils::PipeError(path_) != 0;
-  const int fd = pipe ? -1 : ::open64(path_.c_str(), O_RDONLY, S_IRUSR | S_IWUSR);
+  const int fd = storage::utils::OpenNoPipe(path_, O_RDONLY, S_IRUSR | S_IWUSR);
   if (fd == -1) {
     ZEFS_LOG(kLogFailure, "failed to open dcoffset, path=%s, ret=%d", path_.c_str(), 0);
     return -1;

@@ -114,12 +114,9 @@ int ExtentJournal::Open() {
     ZEFS_LOG(zefs::kLogFailure, "failed to create path: %s, err: %s", parent.c_str(), e.what());
     return -2;
   }
-  int error = storage::utils::PipeError(path_);
-  if (error == 0) {
-    fd_ = ::open64(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, kFileMode);
-    error = errno;
-  }
+  fd_ = storage::utils::OpenNoPipe(path_, O_WRONLY | O_CREAT | O_APPEND, kFileMode);
   if (fd_ == -1) {
+    const int error = errno;
     ZEFS_LOG(zefs::kLogFailure, "failed to open journal file: %s, errno: %d, err: %s",
              path_.c_str(), error, std::strerror(error));
     return -1;
@@ -237,7 +234,7 @@ int ExtentJournal::Sync() {
 int ExtentJournal::Read(std::vector<Extent>* out) {
   ZEFS_MEASURE_CPU(extent_journal_cpu_counters);
   out->clear();
-  const int fd = ::open64(replayPath_.c_str(), O_RDONLY, kFileMode);
+  const int fd = storage::utils::OpenNoPipe(replayPath_, O_RDONLY, kFileMode);
   if (fd == -1) {
     ZEFS_LOG(zefs::kLogFailure, "failed to open extent journal, path=%s, ret=%d",
              replayPath_.c_str(), errno);

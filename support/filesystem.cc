@@ -134,10 +134,13 @@ bool MakeDirectoryAndParents(const fs::path& p, fs::perms perms, error_code& ec)
   return !ec && MakeDirectory(p, perms, ec);
 }
 
-int PipeError(const std::string& path) {
+int OpenNoPipe(const std::string& path, int flags, mode_t mode) {
   struct stat64 status {};
-  const bool known = ::fstatat64(AT_FDCWD, path.c_str(), &status, 0) == 0;
-  return known && S_ISFIFO(status.st_mode) ? ENXIO : 0;
+  if (::fstatat64(AT_FDCWD, path.c_str(), &status, 0) == 0 && S_ISFIFO(status.st_mode)) {
+    errno = ENXIO;
+    return -1;
+  }
+  return ::open64(path.c_str(), flags, mode);
 }
 
 int LinkError(const std::string& path) {

@@ -66,9 +66,9 @@ bool MakeDirectory(const boost::filesystem::path& p, boost::filesystem::perms pe
 bool MakeDirectoryAndParents(const boost::filesystem::path& p, boost::filesystem::perms perms,
                              boost::system::error_code& ec);
 
-/// ENXIO if `path` leads to a pipe, and else 0. Opening one would wait, with all locks held, until
-/// somebody opened its other end.
-int PipeError(const std::string& path);
+/// open64: the descriptor, which is the caller's, or -1 and errno. A pipe is refused with ENXIO:
+/// opening one would wait, with all locks held, until somebody opened its other end.
+int OpenNoPipe(const std::string& path, int flags, mode_t mode);
 
 /// ELOOP if `path` itself is a symbolic link, and else 0.
 int LinkError(const std::string& path);

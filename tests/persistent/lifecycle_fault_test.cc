@@ -177,7 +177,7 @@ TEST_F(LoadFaultTest, AFirstLoadAtEachOfItsCalls) {
                                      {Call::kMdbTxnCommit, "txn_commit", "T0 T1 R2 T2 T2"},
                                      {Call::kStat, "stat", "D0 -2 -2 D0 F1 F2"},
                                      {Call::kMkdir, "mkdir", "D0"},
-                                     {Call::kOpen, "open", "T0 T0 T0 T1 T1 T1"},
+                                     {Call::kOpen, "open", "-2 T0 T0 T0 -2 T1 T1 T1"},
                                      {Call::kRead, "read", ""},
                                      {Call::kWrite, "write", ""},
                                      {Call::kFsync, "fsync", ""},
@@ -201,13 +201,13 @@ TEST_F(LoadFaultTest, ALoadThatTakesOverAMergeAndReplaysAJournalAtEachOfItsCalls
                                      {Call::kMdbDel, "del", "T2x"},
                                      {Call::kMdbTxnCommit, "txn_commit", "T0 T1 T2x"},
                                      {Call::kStat, "stat", "D0 F1 F1 F2 F2 K2 F2 F2x k2x"},
-                                     {Call::kOpen, "open", "T0 T0 T0 T1 T1 T1 J2 j2x j2x"},
+                                     {Call::kOpen, "open", "-2 T0 T0 T0 -2 T1 T1 T1 J2 j2x j2x"},
                                      {Call::kRename, "rename", "F1 j2"},
                                      {Call::kRead, "read", "-2x -2x -2"},
                                      {Call::kWrite, "write", ""},
                                      {Call::kFsync, "fsync", "j2"},
                                      {Call::kUnlink, "unlink", "F2x"},
-                                     {Call::kClose, "close", "-2 -2"},
+                                     {Call::kClose, "close", "-2 -2 -2 -2"},
                                  });
 }
 
@@ -225,7 +225,7 @@ TEST_F(LoadFaultTest, ALoadWithATmpDatabaseAtEachOfItsCalls) {
                      {Call::kMdbGet, "get", "T3 T3 T3 T3 -3 -3"},
                      {Call::kMdbTxnCommit, "txn_commit", "T0 T1 T2"},
                      {Call::kStat, "stat", "D0 F1 F2"},
-                     {Call::kOpen, "open", "T0 T0 T0 T1 T1 T1 T2 T2 T2"},
+                     {Call::kOpen, "open", "-3 T0 T0 T0 -3 T1 T1 T1 -3 T2 T2 T2"},
                  });
 }
 
