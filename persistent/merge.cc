@@ -173,10 +173,7 @@ void CMappingLMDB::WriteUnion(const LMDBContext& full, const LMDBContext& increm
   }
   older.reset();
   newer.reset();
-  if (committedFileSize_ < lastEnd) {
-    committedFileSize_ = lastEnd;
-    fileSize_ = lastEnd;
-  }
+  RaiseMergedSize(lastEnd);
   PutMergedSpecialItems(&*output);
 }
 
@@ -211,7 +208,7 @@ void CMappingLMDB::PutMergedSpecialItems(Transaction* output) {
       throw SysException(ret);
     }
   };
-  check(output->Put(SPECIAL_KEY_FILE_SIZE, SpecialValue::OfNumber(committedFileSize_)),
+  check(output->Put(SPECIAL_KEY_FILE_SIZE, SpecialValue::OfNumber(StoredSize())),
         [](int ret) {
           ZEFS_LOG(kLogFailure, "Failed to put filesize for merge db, return value is %d", ret);
         });
@@ -222,8 +219,8 @@ void CMappingLMDB::PutMergedSpecialItems(Transaction* output) {
   check(output->Put(SPECIAL_KEY_DOID, SpecialValue::OfObjectID(doid)), [](int ret) {
     ZEFS_LOG(kLogFailure, "Failed to put do ID for merge db, return value is %d", ret);
   });
-  extMapVersion_ = kCurrentVersion;
-  check(output->Put(SPECIAL_KEY_LMDB_VERSION, SpecialValue::OfVersion(extMapVersion_)),
+  SetVersion(kCurrentVersion);
+  check(output->Put(SPECIAL_KEY_LMDB_VERSION, SpecialValue::OfVersion(kCurrentVersion)),
         [](int ret) {
           ZEFS_LOG(kLogFailure, "Failed to put filesize for merge db, return value is %d", ret);
         });
