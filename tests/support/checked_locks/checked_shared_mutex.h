@@ -12,9 +12,7 @@ namespace zefs::test::locks {
 /// readers of this one are not ordered at all.
 class CheckedSharedMutex {
  public:
-  __attribute__((noinline)) CheckedSharedMutex() : kind_(KindMadeAt(__builtin_return_address(0))) {
-    __tsan_mutex_create(this, __tsan_mutex_not_static);
-  }
+  CheckedSharedMutex();  // not inline: it is known by who has called it
   ~CheckedSharedMutex() {
     Gone(this, kind_);
     __tsan_mutex_destroy(this, __tsan_mutex_not_static);

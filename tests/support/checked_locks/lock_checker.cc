@@ -9,13 +9,18 @@
 #include <sched.h>
 
 #include "tests/support/checked_locks/checked_calls.h"
+#include "tests/support/checked_locks/code_names.h"
 #include "tests/support/checked_locks/lock_ranks.h"
 
 // Compiled without the thread sanitizer, over tables of fixed size: what is read and written here,
-// and the lock around it, are nothing to it.
+// and the lock around it, are nothing to it. It is told to pass over the calls of the C library, too.
 
-extern "C" __attribute__((weak)) void __sanitizer_symbolize_pc(void* pc, const char* format,
-                                                               char* out, std::size_t size);
+extern "C" {
+__attribute__((weak)) void AnnotateIgnoreReadsBegin(const char* file, int line);
+__attribute__((weak)) void AnnotateIgnoreReadsEnd(const char* file, int line);
+__attribute__((weak)) void AnnotateIgnoreSyncBegin(const char* file, int line);
+__attribute__((weak)) void AnnotateIgnoreSyncEnd(const char* file, int line);
+}
 
 namespace zefs::test::locks {
 
@@ -45,8 +50,20 @@ class Spin {
 
 class Spinning {
  public:
-  explicit Spinning(Spin* spin) : spin_(spin) { spin_->lock(); }
-  ~Spinning() { spin_->unlock(); }
+  explicit Spinning(Spin* spin) : spin_(spin) {
+    if (AnnotateIgnoreReadsBegin != nullptr) {
+      AnnotateIgnoreReadsBegin(__FILE__, __LINE__);  // and writes
+      AnnotateIgnoreSyncBegin(__FILE__, __LINE__);
+    }
+    spin_->lock();
+  }
+  ~Spinning() {
+    spin_->unlock();
+    if (AnnotateIgnoreReadsBegin != nullptr) {
+      AnnotateIgnoreSyncEnd(__FILE__, __LINE__);
+      AnnotateIgnoreReadsEnd(__FILE__, __LINE__);
+    }
+  }
   Spinning(const Spinning&) = delete;
   Spinning& operator=(const Spinning&) = delete;
 
@@ -94,6 +111,7 @@ struct Tables {
   Thread thread[kMostThreads];
   int threads;
   int collecting;
+  bool ending;  // at a finding
   int findings;
   char finding[kMostFindings][kTextBytes];
 };
@@ -133,6 +151,9 @@ __attribute__((format(printf, 1, 2))) void Find(const char* format, ...) {
     return;
   }
   std::fprintf(stderr, "lock checker: %s\n", text);
+  if (!tables.ending) {
+    return;
+  }
   TellHoldersUnlocked();
   tables.spin.unlock();  // what runs at the end of the process may lock
   std::abort();
@@ -225,30 +246,6 @@ Site* SlotOf(const void* pc) {
   return &tables.site[at];
 }
 
-void SymbolOf(const void* pc, char* out) {
-  char* const call = const_cast<char*>(static_cast<const char*>(pc)) - 1;
-  if (__sanitizer_symbolize_pc != nullptr) {
-    __sanitizer_symbolize_pc(call, "%f", out, kTextBytes);
-  } else {
-    std::snprintf(out, kTextBytes, "%p", pc);
-  }
-}
-
-/// The class of a member function, or the name of a function that is none.
-void CutToClass(char* function) {
-  char* const arguments = std::strpbrk(function, "(<[");
-  if (arguments != nullptr) {
-    *arguments = '\0';
-  }
-  char* last = nullptr;
-  for (char* at = std::strstr(function, "::"); at != nullptr; at = std::strstr(at + 2, "::")) {
-    last = at;
-  }
-  if (last != nullptr) {
-    *last = '\0';
-  }
-}
-
 struct KnownClass {
   const char* end;  // of the class
   const char* name;
@@ -268,27 +265,24 @@ bool EndsWith(const char* text, const char* end) {
   return length >= wanted && std::strcmp(text + length - wanted, end) == 0;
 }
 
-Kind KindAt(const void* site) {
+Kind KindAt(const void* site, Mutex mutex) {
   Site* const slot = SlotOf(site);
   if (slot->pc == site) {
     return slot->kind;
   }
-  char name[kTextBytes];
-  SymbolOf(site, name);
-  const bool moves = std::strstr(name, "UpdateExtPath") != nullptr;
-  CutToClass(name);
+  char text[kTextBytes] = "mutex of ";
+  char* const name = text + std::strlen(text);
+  NameCode(site, name, kNameBytes - std::strlen(text));
   Kind kind = -1;
   for (const KnownClass& known : kPlainMutexesOf) {
     if (EndsWith(name, known.end)) {
-      // A table that moves locks its journal, not itself.
-      kind = KindOfName(moves ? "mutex_ of ExtentJournal" : known.name);
-      tables.kind[kind].rank = moves ? kRankSideFile : known.rank;
+      // A table's own is Boost's. The other that it locks is its journal's, when it moves or starts it.
+      const bool journals = known.rank == kRankMergeMutex && mutex == Mutex::kStandard;
+      kind = KindOfName(journals ? "mutex_ of ExtentJournal" : known.name);
+      tables.kind[kind].rank = journals ? kRankSideFile : known.rank;
     }
   }
   if (kind == -1) {
-    char text[kTextBytes + sizeof("mutex of ")];
-    std::snprintf(text, sizeof(text), "mutex of %s", name);
-    text[kNameBytes - 1] = '\0';
     kind = KindOfName(text);
   }
   *slot = {site, kind};
@@ -338,6 +332,7 @@ void Order(Kind first, Kind second) {
   const KindEntry& wanted = tables.kind[second];
   if (held.rank != 0 && wanted.rank != 0) {
     if (held.rank >= wanted.rank) {
+      tables.order[first][second] = tables.collecting == 0;  // told once
       Find("order: %s is taken while %s is held", wanted.name, held.name);
       return;
     }
@@ -429,6 +424,11 @@ Findings::~Findings() {
   --tables.collecting;
 }
 
+void EndAtFindings() {
+  const Spinning spinning(&tables.spin);
+  tables.ending = true;
+}
+
 std::size_t Findings::count() const {
   const Spinning spinning(&tables.spin);
   return static_cast<std::size_t>(tables.findings);
@@ -442,12 +442,9 @@ Kind KindMadeAt(const void* site) {
   const Spinning spinning(&tables.spin);
   Site* const slot = SlotOf(site);
   if (slot->pc != site) {
-    char function[kTextBytes];
-    SymbolOf(site, function);
-    CutToClass(function);
-    char name[kTextBytes + sizeof("lock of ")];
-    std::snprintf(name, sizeof(name), "lock of %s", function);
-    name[kNameBytes - 1] = '\0';
+    char name[kNameBytes] = "lock of ";
+    const std::size_t used = std::strlen(name);
+    NameCode(site, name + used, sizeof(name) - used);
     *slot = {site, NewKind(name)};
   }
   return slot->kind;
@@ -501,19 +498,19 @@ void Gone(const void* lock, Kind kind) {
   }
 }
 
-void WillLockAt(const void* site, const void* mutex) {
+void WillLockAt(const void* site, const void* mutex, Mutex type) {
   Thread* const self = innerLocks == 0 ? Self() : nullptr;
   if (self != nullptr) {
     const Spinning spinning(&tables.spin);
-    Wait(self, mutex, KindAt(site), How::kExclusively);
+    Wait(self, mutex, KindAt(site, type), How::kExclusively);
   }
 }
 
-void HasLockedAt(const void* site, const void* mutex) {
+void HasLockedAt(const void* site, const void* mutex, Mutex type) {
   Thread* const self = innerLocks == 0 ? Self() : nullptr;
   if (self != nullptr) {
     const Spinning spinning(&tables.spin);
-    Take(self, mutex, mutex, KindAt(site), How::kExclusively);
+    Take(self, mutex, mutex, KindAt(site, type), How::kExclusively);
   }
 }
 

@@ -26,7 +26,11 @@ enum class How : unsigned char { kShared, kExclusively };
 /// One lock of the system, however many objects there are that have it.
 using Kind = int;
 
-/// A finding ends the process with what everybody holds, unless a Findings is there.
+/// A finding is told once on the standard error, unless a Findings is there: tests hold locks up to see
+/// who waits for them, which is no order of the system's.
+/// From EndAtFindings on it ends the process, with what everybody holds.
+void EndAtFindings();
+
 /// What a finding says begins with one of these words: "again", "order", "circle", "unlock", "end".
 class Findings {
  public:
@@ -53,8 +57,9 @@ void Gone(const void* lock, Kind kind);
 
 // Plain mutexes, which do not know their kind: it is the class, or function, of the code at `site`,
 // which locks one.
-void WillLockAt(const void* site, const void* mutex);
-void HasLockedAt(const void* site, const void* mutex);
+enum class Mutex : unsigned char { kStandard, kBoost };
+void WillLockAt(const void* site, const void* mutex, Mutex type);
+void HasLockedAt(const void* site, const void* mutex, Mutex type);
 void HasUnlockedPlain(const void* mutex);
 
 /// The plain mutexes that this thread takes are parts of a lock that the checker knows.

@@ -221,11 +221,12 @@ TEST_F(LockCheckerTest, PlainMutexesAreKnownByTheClassThatLocksThem) {
   EXPECT_THAT(Found(), IsEmpty());
 }
 
-TEST(LockCheckerDeathTest, WithoutAListenerAFindingEndsTheProcessAndTellsWhoHoldsWhat) {
+TEST(LockCheckerDeathTest, AFindingEndsTheProcessThatWantsItAndTellsWhoHoldsWhat) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   First first;
   EXPECT_DEATH(
       {
+        EndAtFindings();
         const Shared once(first.lock);
         const Shared again(first.lock);
       },

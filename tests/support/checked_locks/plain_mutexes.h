@@ -1,82 +1,31 @@
 #pragma once
 
 // Included in front of everything in a build that checks locks: guards of plain mutexes tell the
-// checker what they do.
+// checker what they do. They are not inline, so that each knows who has called it.
 
-// Its parts, not <mutex>: the guards must be told apart before anything uses them.
+// Parts of <mutex>: nothing may have used the guards before they are told apart.
 #include <bits/std_mutex.h>
 #include <bits/unique_lock.h>
 
-#include "tests/support/checked_locks/lock_checker.h"
-
 template <>
-__attribute__((noinline)) inline std::lock_guard<std::mutex>::lock_guard(std::mutex& m)
-    : _M_device(m) {
-  const void* const site = __builtin_return_address(0);
-  zefs::test::locks::WillLockAt(site, &m);
-  _M_device.lock();
-  zefs::test::locks::HasLockedAt(site, &m);
-}
+std::lock_guard<std::mutex>::lock_guard(std::mutex& m);
 template <>
-__attribute__((noinline)) inline std::lock_guard<std::mutex>::~lock_guard() {
-  zefs::test::locks::HasUnlockedPlain(&_M_device);
-  _M_device.unlock();
-}
-
+std::lock_guard<std::mutex>::~lock_guard();
 template <>
-__attribute__((noinline)) inline std::unique_lock<std::mutex>::unique_lock(std::mutex& m)
-    : _M_device(&m), _M_owns(false) {
-  const void* const site = __builtin_return_address(0);
-  zefs::test::locks::WillLockAt(site, &m);
-  m.lock();
-  _M_owns = true;
-  zefs::test::locks::HasLockedAt(site, &m);
-}
+std::unique_lock<std::mutex>::unique_lock(std::mutex& m);
 template <>
-__attribute__((noinline)) inline void std::unique_lock<std::mutex>::lock() {
-  const void* const site = __builtin_return_address(0);
-  zefs::test::locks::WillLockAt(site, _M_device);
-  _M_device->lock();
-  _M_owns = true;
-  zefs::test::locks::HasLockedAt(site, _M_device);
-}
+void std::unique_lock<std::mutex>::lock();
 template <>
-__attribute__((noinline)) inline void std::unique_lock<std::mutex>::unlock() {
-  zefs::test::locks::HasUnlockedPlain(_M_device);
-  _M_owns = false;
-  _M_device->unlock();
-}
+void std::unique_lock<std::mutex>::unlock();
 
 #include <boost/thread/lock_types.hpp>
 #include <boost/thread/pthread/mutex.hpp>
 
 template <>
-__attribute__((noinline)) inline boost::unique_lock<boost::mutex>::unique_lock(boost::mutex& m_)
-    : m(&m_), is_locked(false) {
-  const void* const site = __builtin_return_address(0);
-  zefs::test::locks::WillLockAt(site, m);
-  m->lock();
-  is_locked = true;
-  zefs::test::locks::HasLockedAt(site, m);
-}
+boost::unique_lock<boost::mutex>::unique_lock(boost::mutex& m_);
 template <>
-__attribute__((noinline)) inline void boost::unique_lock<boost::mutex>::lock() {
-  const void* const site = __builtin_return_address(0);
-  zefs::test::locks::WillLockAt(site, m);
-  m->lock();
-  is_locked = true;
-  zefs::test::locks::HasLockedAt(site, m);
-}
+boost::unique_lock<boost::mutex>::~unique_lock();
 template <>
-__attribute__((noinline)) inline void boost::unique_lock<boost::mutex>::unlock() {
-  zefs::test::locks::HasUnlockedPlain(m);
-  m->unlock();
-  is_locked = false;
-}
+void boost::unique_lock<boost::mutex>::lock();
 template <>
-__attribute__((noinline)) inline boost::unique_lock<boost::mutex>::~unique_lock() {
-  if (is_locked) {
-    zefs::test::locks::HasUnlockedPlain(m);
-    m->unlock();
-  }
-}
+void boost::unique_lock<boost::mutex>::unlock();

@@ -60,16 +60,23 @@ std::vector<std::string> StoredStress::Favourites() const {
 }
 
 unsigned int StoredStress::WeightOf(const std::string& operation) const {
-  if (operation == "insert" || operation == "lower_bound" || operation == "begin") {
+  if (operation == "insert" || operation == "lower_bound") {
     return 16;
   }
-  if (operation == "GetObjectIdsAndOffsets" || operation == "Snapshot" ||
-      operation == "UpdateExtPath" || operation == "checkAndBackfillObjectIDUnlock") {
+  if (operation == "checkAndBackfillObjectID" || operation == "GetDCInfoList") {
+    return 10;
+  }
+  static const std::set<std::string> withoutEffect{
+      "end",         "save",        "needCommit",           "setCommit",
+      "SetObjectID", "GetDCIDAndFP", "GetWritingNodesCount", "GetNewReferencedDCID",
+      "GetReferencedFP"};
+  if (withoutEffect.count(operation) != 0 || operation == "GetObjectIdsAndOffsets" ||
+      operation == "Snapshot" || operation == "UpdateExtPath" ||
+      operation == "checkAndBackfillObjectIDUnlock") {
     return 1;
   }
   // Each of these is a synced transaction.
-  if (operation == "checkAndBackfillObjectID" || operation == "setFileSize" ||
-      operation == "SetDOID" || operation == "setExtMapVersion" ||
+  if (operation == "setFileSize" || operation == "SetDOID" || operation == "setExtMapVersion" ||
       operation == "UpdateObjectIdsByRange") {
     return 3;
   }

@@ -29,7 +29,6 @@ class StoredStress final : public Stress {
   /// and in the next.
   void ExpectTheModel();
 
-  /// Merges that this table has been through, as far as the change of its full database tells.
   long flushes() const { return flushes_.load(); }
   long nodes() const;
 

@@ -144,6 +144,9 @@ struct Watchdog::State {
 };
 
 Watchdog::Watchdog(const std::vector<const Stress*>& watched) : state_(new State) {
+#ifdef ZEFS_CHECK_LOCKS
+  locks::EndAtFindings();
+#endif
   state_->watched = watched;
   state_->thread = std::thread([this] { state_->Watch(); });
 }

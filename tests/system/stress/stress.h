@@ -69,7 +69,8 @@ class Stress {
 };
 
 /// Ends the process, with what everybody holds where that is known, when nothing has moved for
-/// minutes: a test that waits for ever tells nothing.
+/// minutes: a test that waits for ever tells nothing. So does a lock taken out of its order, where
+/// that is watched.
 class Watchdog {
  public:
   explicit Watchdog(const std::vector<const Stress*>& watched);
