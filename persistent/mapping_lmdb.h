@@ -375,10 +375,10 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// `*id` without container and fingerprint; the attributes are left alone.
   static void MakeEmptyDOID(ObjectID* id);
 
-  // --- members that no lock covers (unsynchronised.cc): a merge changes them beside everybody else,
-  // and whoever looks at one sees the value from before or after. They are plain, and apart from
-  // load and truncate, which have the table to themselves, reached only through these, so that a
-  // tool which looks for races can be told of them and of nothing else.
+  // --- members that no lock covers (unsynchronised.cc): a merge changes them beside everybody
+  // else, and whoever looks at one sees the value from before or after. They are plain, and apart
+  // from load and truncate, which have the table to themselves, reached only through these, so that
+  // a tool which looks for races can be told of them and of nothing else.
 
   /// A merge runs. Whoever sees an old value starts a merge that ends at once, or leaves it to the
   /// next flush.
@@ -389,8 +389,8 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   std::int64_t StoredSize() const;
   /// Both are `size` from now on.
   void SetSizes(std::int64_t size);
-  /// A write ends at `end`, a flush has stored up to `end`, a merge has found the last extent to end
-  /// there: what is below is raised.
+  /// A write ends at `end`, a flush has stored up to `end`, a merge has found the last extent to
+  /// end there: what is below is raised.
   void RaiseCachedSize(std::int64_t end);
   void RaiseStoredSize(std::int64_t end);
   void RaiseMergedSize(std::int64_t end);

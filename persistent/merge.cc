@@ -208,10 +208,9 @@ void CMappingLMDB::PutMergedSpecialItems(Transaction* output) {
       throw SysException(ret);
     }
   };
-  check(output->Put(SPECIAL_KEY_FILE_SIZE, SpecialValue::OfNumber(StoredSize())),
-        [](int ret) {
-          ZEFS_LOG(kLogFailure, "Failed to put filesize for merge db, return value is %d", ret);
-        });
+  check(output->Put(SPECIAL_KEY_FILE_SIZE, SpecialValue::OfNumber(StoredSize())), [](int ret) {
+    ZEFS_LOG(kLogFailure, "Failed to put filesize for merge db, return value is %d", ret);
+  });
   check(output->Put(SPECIAL_KEY_COMMIT_COUNTER, SpecialValue::OfNumber(0)), [](int ret) {
     ZEFS_LOG(kLogFailure, "Failed to put table commit counter for merge db, return value is %d",
              ret);

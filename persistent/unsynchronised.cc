@@ -2,7 +2,8 @@
 
 #include "persistent/mapping_lmdb.h"
 
-// The members that no lock covers. tests/tsan.supp names what stands here, and no more of the table.
+// The members that no lock covers. tests/tsan.supp names what stands here, and no more of the
+// table.
 
 namespace Aldenta::Qnd::Morene::Zefs {
 

@@ -70,8 +70,8 @@ void CutToClass(const char* symbol, char* out, std::size_t size) {
         length = 10 * length + static_cast<std::size_t>(*at - '0');
       }
       last = used;
-      const int wrote = std::snprintf(out + used, size - used, "%s%.*s", used == 0 ? "" : "::",
-                                      static_cast<int>(length), at);
+      const int wrote = std::snprintf(out + used, size - used, "%s%.*s",
+                                      used == 0 ? "" : "::", static_cast<int>(length), at);
       used = used + static_cast<std::size_t>(wrote) < size ? used + static_cast<std::size_t>(wrote)
                                                            : size - 1;
       at += length;

@@ -13,7 +13,8 @@
 #include "tests/support/checked_locks/lock_ranks.h"
 
 // Compiled without the thread sanitizer, over tables of fixed size: what is read and written here,
-// and the lock around it, are nothing to it. It is told to pass over the calls of the C library, too.
+// and the lock around it, are nothing to it. It is told to pass over the calls of the C library,
+// too.
 
 extern "C" {
 __attribute__((weak)) void AnnotateIgnoreReadsBegin(const char* file, int line);
@@ -276,7 +277,8 @@ Kind KindAt(const void* site, Mutex mutex) {
   Kind kind = -1;
   for (const KnownClass& known : kPlainMutexesOf) {
     if (EndsWith(name, known.end)) {
-      // A table's own is Boost's. The other that it locks is its journal's, when it moves or starts it.
+      // A table's own is Boost's. The other that it locks is its journal's, when it moves or starts
+      // it.
       const bool journals = known.rank == kRankMergeMutex && mutex == Mutex::kStandard;
       kind = KindOfName(journals ? "mutex_ of ExtentJournal" : known.name);
       tables.kind[kind].rank = journals ? kRankSideFile : known.rank;
@@ -314,9 +316,8 @@ bool Leads(Kind first, Kind second, char* out, std::size_t size) {
   }
   std::size_t used = 0;
   for (Kind at = second;; at = before[at]) {
-    used += static_cast<std::size_t>(std::snprintf(out + used, size - used, "%s%s",
-                                                   at == second ? "" : " behind ",
-                                                   tables.kind[at].name));
+    used += static_cast<std::size_t>(std::snprintf(
+        out + used, size - used, "%s%s", at == second ? "" : " behind ", tables.kind[at].name));
     if (at == first || used + 1 >= size) {
       return true;
     }

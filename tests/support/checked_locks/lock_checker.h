@@ -2,13 +2,14 @@
 
 #include <cstddef>
 
-// Watches the locks of a process: who holds what, and in which order they are taken. For builds with
-// ZEFS_CHECK_LOCKS, in which the types of the locks, and the calls that begin and end transactions
-// and join threads, tell it what they do.
+// Watches the locks of a process: who holds what, and in which order they are taken. For builds
+// with ZEFS_CHECK_LOCKS, in which the types of the locks, and the calls that begin and end
+// transactions and join threads, tell it what they do.
 //
 // Orders are kept by kind, not by lock: a kind is a member of a class, or the writers of one of the
-// databases of a table. So two threads that take two locks in both orders are found in a run in which
-// they never meet, and with different tables. Found are, each when it is first about to happen:
+// databases of a table. So two threads that take two locks in both orders are found in a run in
+// which they never meet, and with different tables. Found are, each when it is first about to
+// happen:
 //  - a lock that the thread holds already, shared included: a writer that waits in between
 //    makes it wait for itself;
 //  - a kind whose rank is not above the ranks of all that the thread holds;
@@ -26,9 +27,9 @@ enum class How : unsigned char { kShared, kExclusively };
 /// One lock of the system, however many objects there are that have it.
 using Kind = int;
 
-/// A finding is told once on the standard error, unless a Findings is there: tests hold locks up to see
-/// who waits for them, which is no order of the system's.
-/// From EndAtFindings on it ends the process, with what everybody holds.
+/// A finding is told once on the standard error, unless a Findings is there: tests hold locks up to
+/// see who waits for them, which is no order of the system's. From EndAtFindings on it ends the
+/// process, with what everybody holds.
 void EndAtFindings();
 
 /// What a finding says begins with one of these words: "again", "order", "circle", "unlock", "end".

@@ -1,5 +1,7 @@
 // The checker of locks finds what is wrong, and nothing in what is right.
 
+#include "tests/support/checked_locks/lock_checker.h"
+
 #include <mutex>
 #include <pthread.h>
 #include <string>
@@ -12,7 +14,6 @@
 
 #include "tests/persistent/persistent_fixture.h"
 #include "tests/support/checked_locks/checked_calls.h"
-#include "tests/support/checked_locks/lock_checker.h"
 
 namespace zefs::test::locks {
 namespace {
@@ -57,7 +58,8 @@ TEST_F(LockCheckerTest, LocksOfATableInTheirOrderAreRight) {
     const Shared cache(peer().rwLock());
     const Shared table(peer().tableLock());
     const Exclusive prefetched(peer().prefetchLock());
-    EXPECT_EQ(0, FileSystemDaemonConfig::GetInstance().Get(&FileSystemDaemonConfig::prefetchEnabled));
+    EXPECT_EQ(0,
+              FileSystemDaemonConfig::GetInstance().Get(&FileSystemDaemonConfig::prefetchEnabled));
   }
   EXPECT_THAT(Found(), IsEmpty());
 }

@@ -40,9 +40,9 @@ const Use kPathOfMerge = Read(Thing::kPath, By::kNothing);
 /// The switch of a merge undoes what was written into the full database meanwhile.
 const Use kMayMerge = Read(Thing::kMergeInput, By::kNothing);
 
-const std::vector<Use> kLookUp = With({Read(Thing::kCache, By::kRwLock),
-                                       Read(Thing::kPrefetched, By::kPrefetchLock), kOpen,
-                                       kReadStored, kPathUnderLock});
+const std::vector<Use> kLookUp =
+    With({Read(Thing::kCache, By::kRwLock), Read(Thing::kPrefetched, By::kPrefetchLock), kOpen,
+          kReadStored, kPathUnderLock});
 const std::vector<Use> kInsert =
     With({Change(Thing::kCache, By::kRwLock), Change(Thing::kPrefetched, By::kPrefetchLock),
           Change(Thing::kSizes, By::kRwLock), Change(Thing::kChanged, By::kRwLock)});
@@ -86,8 +86,8 @@ const std::vector<Operation>& StoredOperations() {
       {"checkAndBackfillObjectIDUnlock", kFlush},
       {"checkAndBackfillObjectID", kFlush},
       // Waits for a merge, and nothing may start one, or store anything, until it is through.
-      {"Snapshot", With({Read(Thing::kStored, By::kNothing), Change(Thing::kMergeInput, By::kNothing),
-                         kPathOfMerge})},
+      {"Snapshot", With({Read(Thing::kStored, By::kNothing),
+                         Change(Thing::kMergeInput, By::kNothing), kPathOfMerge})},
       {"SetObjectID", kNothing},
       {"GetObjectIdsAndOffsets", With({kOpen, kReadStored, kPathOfMerge, kMayMerge})},
       {"UpdateObjectIdsByRange",
@@ -108,8 +108,8 @@ const std::vector<Operation>& StoredOperations() {
       {"GetWritingNodesCount", kNothing},
       {"GetWritingNodes", With({Read(Thing::kCache, By::kNothing)})},
       {"GetDCInfoList",
-       With({Read(Thing::kCache, By::kRwLock), Change(Thing::kPrefetched, By::kPrefetchLock),
-             kOpen, kReadStored, kPathUnderLock})},
+       With({Read(Thing::kCache, By::kRwLock), Change(Thing::kPrefetched, By::kPrefetchLock), kOpen,
+             kReadStored, kPathUnderLock})},
       {"GetEmptyDcOffsetList", With({Change(Thing::kSideFiles, By::kOwnLock)})},
       {"BackfillDcOffset",
        With({Change(Thing::kCache, By::kRwLock), Change(Thing::kPrefetched, By::kPrefetchLock),
@@ -159,8 +159,9 @@ const std::vector<Operation>& TreeOperations() {
       {"checkAndBackfillObjectID", kNothing},
       {"Snapshot", kNothing},
       // The extent that it is given must stay where it is.
-      {"SetObjectID", With({Change(Thing::kTree, By::kTableLock), Read(Thing::kPlaces, By::kNothing),
-                            Change(Thing::kReferences, By::kTableLock)})},
+      {"SetObjectID",
+       With({Change(Thing::kTree, By::kTableLock), Read(Thing::kPlaces, By::kNothing),
+             Change(Thing::kReferences, By::kTableLock)})},
       {"GetObjectIdsAndOffsets", unlocked},
       {"UpdateObjectIdsByRange", inPlace},
       {"GetNewReferencedDCID", With({references})},
@@ -185,34 +186,56 @@ namespace {
 
 std::string NameOf(Thing thing) {
   switch (thing) {
-    case Thing::kWhole: return "the whole table";
-    case Thing::kCache: return "the cache";
-    case Thing::kPrefetched: return "the prefetched extents";
-    case Thing::kDatabases: return "the set of databases";
-    case Thing::kStored: return "what is stored";
-    case Thing::kMergeInput: return "what a merge reads";
-    case Thing::kSizes: return "the file sizes";
-    case Thing::kPath: return "the path";
-    case Thing::kObjectId: return "the table's object id";
-    case Thing::kChanged: return "the note of changes";
-    case Thing::kReferences: return "the references";
-    case Thing::kCommitFlag: return "the commit flag";
-    case Thing::kSideFiles: return "the side files";
-    case Thing::kTree: return "the tree";
-    case Thing::kPlaces: return "the places of extents";
+    case Thing::kWhole:
+      return "the whole table";
+    case Thing::kCache:
+      return "the cache";
+    case Thing::kPrefetched:
+      return "the prefetched extents";
+    case Thing::kDatabases:
+      return "the set of databases";
+    case Thing::kStored:
+      return "what is stored";
+    case Thing::kMergeInput:
+      return "what a merge reads";
+    case Thing::kSizes:
+      return "the file sizes";
+    case Thing::kPath:
+      return "the path";
+    case Thing::kObjectId:
+      return "the table's object id";
+    case Thing::kChanged:
+      return "the note of changes";
+    case Thing::kReferences:
+      return "the references";
+    case Thing::kCommitFlag:
+      return "the commit flag";
+    case Thing::kSideFiles:
+      return "the side files";
+    case Thing::kTree:
+      return "the tree";
+    case Thing::kPlaces:
+      return "the places of extents";
   }
   return "?";
 }
 
 std::string NameOf(By by) {
   switch (by) {
-    case By::kNothing: return "nothing";
-    case By::kRwLock: return "rwLock_";
-    case By::kTableLock: return "tableLock_";
-    case By::kPrefetchLock: return "prefetchLock_";
-    case By::kTransaction: return "transactions";
-    case By::kOwnLock: return "a lock of its own";
-    case By::kEither: return "either value";
+    case By::kNothing:
+      return "nothing";
+    case By::kRwLock:
+      return "rwLock_";
+    case By::kTableLock:
+      return "tableLock_";
+    case By::kPrefetchLock:
+      return "prefetchLock_";
+    case By::kTransaction:
+      return "transactions";
+    case By::kOwnLock:
+      return "a lock of its own";
+    case By::kEither:
+      return "either value";
   }
   return "?";
 }
@@ -243,7 +266,7 @@ Verdict MayRunTogether(const Operation& one, const Operation& other) {
       if (a.thing != b.thing) {
         continue;
       }
-      const Verdict found = Judge(a, b);
+      Verdict found = Judge(a, b);
       if (!found.permitted) {
         return found;
       }

@@ -3,28 +3,28 @@
 #include <string>
 #include <vector>
 
-// Which operations of a table may run at the same time, in other threads. Written once, as what each
-// operation touches and under which lock; whether two go together, and why, follows.
+// Which operations of a table may run at the same time, in other threads. Written once, as what
+// each operation touches and under which lock; whether two go together, and why, follows.
 
 namespace zefs::test::stress {
 
 /// What operations of a table have in common.
 enum class Thing {
-  kWhole,        ///< the object: its life, its directory
-  kCache,        ///< cached extents, their nodes, and what waits for a flush
-  kPrefetched,   ///< the prefetched run
-  kDatabases,    ///< which databases are open
-  kStored,       ///< what is stored in them
-  kMergeInput,   ///< the full database as a merge finds it
-  kSizes,        ///< the two file sizes, and the format version
-  kPath,         ///< the directory's name
-  kObjectId,     ///< the table's own object id
-  kChanged,      ///< whether the table has changed since its references were taken
-  kReferences,   ///< references counted in memory
-  kCommitFlag,   ///< kept for the host
-  kSideFiles,    ///< journal and offset store
-  kTree,         ///< the tree of a table in memory
-  kPlaces,       ///< where the extents of that tree lie in memory
+  kWhole,       ///< the object: its life, its directory
+  kCache,       ///< cached extents, their nodes, and what waits for a flush
+  kPrefetched,  ///< the prefetched run
+  kDatabases,   ///< which databases are open
+  kStored,      ///< what is stored in them
+  kMergeInput,  ///< the full database as a merge finds it
+  kSizes,       ///< the two file sizes, and the format version
+  kPath,        ///< the directory's name
+  kObjectId,    ///< the table's own object id
+  kChanged,     ///< whether the table has changed since its references were taken
+  kReferences,  ///< references counted in memory
+  kCommitFlag,  ///< kept for the host
+  kSideFiles,   ///< journal and offset store
+  kTree,        ///< the tree of a table in memory
+  kPlaces,      ///< where the extents of that tree lie in memory
 };
 
 /// What keeps others away from it.
@@ -57,8 +57,8 @@ struct Verdict {
   std::string reason;
 };
 
-/// The operations of each kind of table, in the order of their slots, and behind them those that have
-/// none. The destructor is "~".
+/// The operations of each kind of table, in the order of their slots, and behind them those that
+/// have none. The destructor is "~".
 const std::vector<Operation>& StoredOperations();
 const std::vector<Operation>& TreeOperations();
 

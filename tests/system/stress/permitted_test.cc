@@ -1,5 +1,7 @@
 // Which operations may run together is told for every operation of both tables.
 
+#include "tests/system/stress/permitted.h"
+
 #include <string>
 #include <utility>
 #include <vector>
@@ -9,7 +11,6 @@
 #include "persistent/mapping_lmdb.h"
 #include "tests/support/figures.h"
 #include "tests/support/vtable_slot.h"
-#include "tests/system/stress/permitted.h"
 #include "tests/table/table_slots.h"
 
 namespace zefs::test::stress {

@@ -54,9 +54,12 @@ void StoredStress::Destroy() {
 }
 
 std::vector<std::string> StoredStress::Favourites() const {
-  return {"insert",          "checkAndBackfillObjectID", "lower_bound",   "GetDCInfoList",
-          "GetDCIDAndFPs",   "GetObjectIdsAndOffsets",   "getFileSize",   "UpdateObjectIdsByRange",
-          "BackfillDcOffset", "setFileSize",             "UpdateExtPath", "checkAndBackfillObjectID"};
+  return {"insert",           "checkAndBackfillObjectID",
+          "lower_bound",      "GetDCInfoList",
+          "GetDCIDAndFPs",    "GetObjectIdsAndOffsets",
+          "getFileSize",      "UpdateObjectIdsByRange",
+          "BackfillDcOffset", "setFileSize",
+          "UpdateExtPath",    "checkAndBackfillObjectID"};
 }
 
 unsigned int StoredStress::WeightOf(const std::string& operation) const {
@@ -66,10 +69,15 @@ unsigned int StoredStress::WeightOf(const std::string& operation) const {
   if (operation == "checkAndBackfillObjectID" || operation == "GetDCInfoList") {
     return 10;
   }
-  static const std::set<std::string> withoutEffect{
-      "end",         "save",        "needCommit",           "setCommit",
-      "SetObjectID", "GetDCIDAndFP", "GetWritingNodesCount", "GetNewReferencedDCID",
-      "GetReferencedFP"};
+  static const std::set<std::string> withoutEffect{"end",
+                                                   "save",
+                                                   "needCommit",
+                                                   "setCommit",
+                                                   "SetObjectID",
+                                                   "GetDCIDAndFP",
+                                                   "GetWritingNodesCount",
+                                                   "GetNewReferencedDCID",
+                                                   "GetReferencedFP"};
   if (withoutEffect.count(operation) != 0 || operation == "GetObjectIdsAndOffsets" ||
       operation == "Snapshot" || operation == "UpdateExtPath" ||
       operation == "checkAndBackfillObjectIDUnlock") {

@@ -25,8 +25,8 @@ class StoredStress final : public Stress {
   StoredStress(const std::string& type, bool prefetched, std::uint64_t seed, int threads);
   ~StoredStress() override;
 
-  /// Flushes all, merges, and compares everything with what must be there, in this life of the table
-  /// and in the next.
+  /// Flushes all, merges, and compares everything with what must be there, in this life of the
+  /// table and in the next.
   void ExpectTheModel();
 
   long flushes() const { return flushes_.load(); }

@@ -1,5 +1,8 @@
-// Whatever host threads may do at the same time with a stored table, done at random by several, on two
-// tables of one process at once. ZEFS_STRESS_ROUNDS makes it longer, ZEFS_TEST_SEED another run.
+// Whatever host threads may do at the same time with a stored table, done at random by several, on
+// two tables of one process at once. ZEFS_STRESS_ROUNDS makes it longer, ZEFS_TEST_SEED another
+// run.
+
+#include "tests/system/stress/stored_stress.h"
 
 #include <iostream>
 #include <thread>
@@ -11,7 +14,6 @@
 #include "refhost/host/log_recorder.h"
 #include "tests/support/figures.h"
 #include "tests/support/property.h"
-#include "tests/system/stress/stored_stress.h"
 #include "tests/system/stress/stress_settings.h"
 
 namespace zefs::test::stress {

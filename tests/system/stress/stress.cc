@@ -55,9 +55,8 @@ void Stress::Run(int rounds, int steps) {
   const std::vector<std::string> favourites = Favourites();
   for (int i = 0; i < rounds; ++i) {
     // Every third round is built around an operation drawn from all.
-    const std::string first = random_() % 3 == 0
-                                  ? operations_[random_() % operations_.size()].name
-                                  : favourites[random_() % favourites.size()];
+    const std::string first = random_() % 3 == 0 ? operations_[random_() % operations_.size()].name
+                                                 : favourites[random_() % favourites.size()];
     const Round round = Choose(operations_, first, threads_, &random_);
     Prepare(round);
     std::atomic<bool> done{false};

@@ -24,8 +24,8 @@ struct Round {
 Round Choose(const std::vector<Operation>& operations, const std::string& first, int threads,
              std::mt19937_64* random);
 
-/// Rounds of random operations on one table by several threads at once, and between the rounds, when
-/// nobody is at work, those that want the table to themselves. Threads of a round are not
+/// Rounds of random operations on one table by several threads at once, and between the rounds,
+/// when nobody is at work, those that want the table to themselves. Threads of a round are not
 /// synchronised with each other in any way, so a race shows to the thread sanitizer.
 class Stress {
  public:

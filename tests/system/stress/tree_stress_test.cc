@@ -1,5 +1,5 @@
-// Whatever host threads may do at the same time with a table in memory, done at random by several, on
-// two tables of one process at once.
+// Whatever host threads may do at the same time with a table in memory, done at random by several,
+// on two tables of one process at once.
 
 #include <algorithm>
 #include <climits>
@@ -24,8 +24,8 @@ constexpr int kThreads = 4;
 constexpr int kSteps = 300;
 constexpr int kUsualRounds = 15;
 
-/// Random operations on one table in memory. Each thread writes a stripe of its own, at the objects'
-/// own offsets; the last one also adds at the end of the file and cuts that off again.
+/// Random operations on one table in memory. Each thread writes a stripe of its own, at the
+/// objects' own offsets; the last one also adds at the end of the file and cuts that off again.
 class TreeStress final : public Stress {
  public:
   TreeStress(std::uint64_t seed, int threads) : Stress(TreeOperations(), seed, threads) {
@@ -69,11 +69,21 @@ class TreeStress final : public Stress {
     return {"insert", "append", "truncate", "lower_bound", "SetObjectID", "UpdateObjectIdsByRange"};
   }
   unsigned int WeightOf(const std::string& operation) const override {
-    static const std::vector<std::string> usual{
-        "insert", "append",      "truncate",               "begin",           "find",
-        "size",   "lower_bound", "lower_bound_in_cache",   "SetObjectID",     "GetDCIDAndFP",
-        "GetObjectIdsAndOffsets", "UpdateObjectIdsByRange", "GetNewReferencedDCID",
-        "GetReferencedFP", "GetWritingNodes"};
+    static const std::vector<std::string> usual{"insert",
+                                                "append",
+                                                "truncate",
+                                                "begin",
+                                                "find",
+                                                "size",
+                                                "lower_bound",
+                                                "lower_bound_in_cache",
+                                                "SetObjectID",
+                                                "GetDCIDAndFP",
+                                                "GetObjectIdsAndOffsets",
+                                                "UpdateObjectIdsByRange",
+                                                "GetNewReferencedDCID",
+                                                "GetReferencedFP",
+                                                "GetWritingNodes"};
     return std::find(usual.begin(), usual.end(), operation) != usual.end() ? 16 : 1;
   }
 
@@ -109,7 +119,8 @@ class TreeStress final : public Stress {
     const bool last = thread == threads() - 1;
     const long at = stripe->begin + static_cast<long>((*random)() % kStripe);
     if (operation == "insert") {
-      const long end = std::min(stripe->begin + kStripe, at + 1 + static_cast<long>((*random)() % 20));
+      const long end =
+          std::min(stripe->begin + kStripe, at + 1 + static_cast<long>((*random)() % 20));
       const ObjectID oid = NewObject(stripe);
       ASSERT_EQ(0, table_.insert(at, end, &oid, at, 0, nullptr, -1, nullptr));
       Mark(stripe, at, end, oid.dcid);
