@@ -7,13 +7,9 @@
 #include <boost/filesystem/operations.hpp>
 #include <gtest/gtest.h>
 
-#include "host/config.h"
 #include "tests/support/oid.h"
 
 namespace zefs::test::stress {
-
-using Aldenta::Qnd::Morene::Zefs::ExtMapVersion;
-using Config = FileSystemDaemonConfig;
 
 namespace {
 
@@ -126,9 +122,8 @@ void StoredStress::Step(int thread, const std::string& operation, Random* random
     RewriteIds(stripe, random);
   } else if (operation == "Snapshot") {
     TakeSnapshot(thread);
-  } else if (operation.rfind("Get", 0) == 0 && operation.find("DCID") != std::string::npos) {
-    Refer(operation);
-  } else if (operation == "GetReferencedFP") {
+  } else if (operation == "GetReferencedFP" ||
+             (operation.rfind("Get", 0) == 0 && operation.find("DCID") != std::string::npos)) {
     Refer(operation);
   } else if (operation.find("DcOffset") != std::string::npos) {
     StepOnOffsets(stripe, operation, random);
