@@ -20,3 +20,13 @@ if(zefs_sanitizers)
   add_compile_options(${zefs_sanitizers} -fno-omit-frame-pointer)
   add_link_options(${zefs_sanitizers})
 endif()
+
+option(ZEFS_CHECK_LOCKS "Watch the order in which locks are taken; meant for the thread sanitizer" OFF)
+if(ZEFS_CHECK_LOCKS)
+  # For everything: a lock that one object file knows as another type than the next would be two.
+  set(zefs_checked_locks "${PROJECT_SOURCE_DIR}/tests/support/checked_locks")
+  include_directories(BEFORE "${PROJECT_SOURCE_DIR}" "${zefs_checked_locks}")
+  add_compile_options("SHELL:-include ${zefs_checked_locks}/plain_mutexes.h")
+  add_subdirectory("${zefs_checked_locks}")
+  target_link_libraries(zefs_build_flags INTERFACE zefs_lock_checker)
+endif()

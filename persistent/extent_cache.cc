@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "host/config.h"
 #include "host/zefs_log.h"
 #include "persistent/mapping_lmdb.h"
@@ -69,7 +67,7 @@ int CMappingLMDB::insert2Cache(long sOff, long eOff, const ObjectID* oid, long o
     share->second.insert(eOff);
   }
   extCache_.insert_or_assign(at, eOff, entry);
-  fileSize_ = std::max<std::int64_t>(fileSize_, eOff);
+  RaiseCachedSize(eOff);
   if (data != nullptr) {
     extDataPointers_[eOff] = data;
   }

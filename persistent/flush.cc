@@ -239,7 +239,7 @@ int CMappingLMDB::UpdateObjectID(const ReadyExtents& ids, bool wait) {
   outcome.seconds = std::time(nullptr) - begun;
   outcome.commits = commitCounter_;
   outcome.tmpOpened = IsTmpOpened();
-  if (MergeIsDue(outcome, Thresholds()) && !merging_) {
+  if (MergeIsDue(outcome, Thresholds()) && !IsMerging()) {
     ZEFS_LOG(kLogRare,
              "start merging, small table entires is %lld tableCommitCounter %lld, commit time %ld, "
              "tmpdb %d",
@@ -308,13 +308,12 @@ int CMappingLMDB::UpdateObjectID(const ReadyExtents& ids, const LMDBContext& db)
   if (HasJournal()) {
     journal_->Flush(true);
   }
-  committedFileSize_ = std::max<std::int64_t>(committedFileSize_, maxEnd);
-  fileSize_ = std::max(fileSize_, committedFileSize_);
+  RaiseStoredSize(maxEnd);
   return 0;
 }
 
 bool CMappingLMDB::PutSpecialItems(const Transaction& transaction, long maxEnd) {
-  if (committedFileSize_ < maxEnd) {
+  if (StoredSize() < maxEnd) {
     const int ret = transaction.Put(SPECIAL_KEY_FILE_SIZE, SpecialValue::OfNumber(maxEnd));
     ZEFS_LOG(kLogTrace, "update file size %lld, ret:%d", Printed(maxEnd), ret);
     if (ret != 0) {

@@ -398,6 +398,27 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// `*id` without container and fingerprint; the attributes are left alone.
   static void MakeEmptyDOID(ObjectID* id);
 
+  // --- members that no lock covers (unsynchronised.cc): a merge changes them beside everybody
+  // else, and whoever looks at one sees the value from before or after. They are plain, and apart
+  // from load and truncate, which have the table to themselves, reached only through these, so that
+  // a tool which looks for races can be told of them and of nothing else.
+
+  /// A merge runs. Whoever sees an old value starts a merge that ends at once, or leaves it to the
+  /// next flush.
+  bool IsMerging() const;
+  void SetMerging(bool merging);
+  /// The file size as the cache knows it, and as it is stored.
+  std::int64_t CachedSize() const;
+  std::int64_t StoredSize() const;
+  /// Both are `size` from now on.
+  void SetSizes(std::int64_t size);
+  /// A write ends at `end`, a flush has stored up to `end`, a merge has found the last extent to
+  /// end there: what is below is raised.
+  void RaiseCachedSize(std::int64_t end);
+  void RaiseStoredSize(std::int64_t end);
+  void RaiseMergedSize(std::int64_t end);
+  void SetVersion(ExtMapVersion version);
+
   // --- environments (environments.cc). No locks; where the set of databases is shared already the
   // caller holds tableLock_ exclusively.
 
@@ -630,7 +651,7 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   bool truncatePending_ = false;                   // written only
   std::string path_;                               // table directory
   std::string prefix_;                             // of all file names
-  bool merging_ = false;                           // a merge runs; not synchronised
+  bool merging_ = false;                           // a merge runs
   std::vector<pthread_t> mergeThreads_;            // the merge thread, at most one
   bool mergeSwitched_ = false;                     // written only
   std::unordered_map<unsigned long, unsigned long> newDcidRefs_;  // gathered by a merge

@@ -166,10 +166,7 @@ void CMappingLMDB::WriteUnion(const LMDBContext& full, const LMDBContext& increm
   }
   older.reset();
   newer.reset();
-  if (committedFileSize_ < lastEnd) {
-    committedFileSize_ = lastEnd;
-    fileSize_ = lastEnd;
-  }
+  RaiseMergedSize(lastEnd);
   PutMergedSpecialItems(&*output);
 }
 
@@ -204,10 +201,9 @@ void CMappingLMDB::PutMergedSpecialItems(Transaction* output) {
       throw SysException(ret);
     }
   };
-  check(output->Put(SPECIAL_KEY_FILE_SIZE, SpecialValue::OfNumber(committedFileSize_)),
-        [](int ret) {
-          ZEFS_LOG(kLogFailure, "Failed to put filesize for merge db, return value is %d", ret);
-        });
+  check(output->Put(SPECIAL_KEY_FILE_SIZE, SpecialValue::OfNumber(StoredSize())), [](int ret) {
+    ZEFS_LOG(kLogFailure, "Failed to put filesize for merge db, return value is %d", ret);
+  });
   check(output->Put(SPECIAL_KEY_COMMIT_COUNTER, SpecialValue::OfNumber(0)), [](int ret) {
     ZEFS_LOG(kLogFailure, "Failed to put table commit counter for merge db, return value is %d",
              ret);
@@ -215,8 +211,8 @@ void CMappingLMDB::PutMergedSpecialItems(Transaction* output) {
   check(output->Put(SPECIAL_KEY_DOID, SpecialValue::OfObjectID(doid)), [](int ret) {
     ZEFS_LOG(kLogFailure, "Failed to put do ID for merge db, return value is %d", ret);
   });
-  extMapVersion_ = kCurrentVersion;
-  check(output->Put(SPECIAL_KEY_LMDB_VERSION, SpecialValue::OfVersion(extMapVersion_)),
+  SetVersion(kCurrentVersion);
+  check(output->Put(SPECIAL_KEY_LMDB_VERSION, SpecialValue::OfVersion(kCurrentVersion)),
         [](int ret) {
           ZEFS_LOG(kLogFailure, "Failed to put filesize for merge db, return value is %d", ret);
         });

@@ -25,7 +25,7 @@ using zefs::kLogTrace;
 // --- the thread --------------------------------------------------------------------------------
 
 void CMappingLMDB::StartMergeThread() {
-  if (!merging_) {
+  if (!IsMerging()) {
     WaitingForMerge();  // one that has finished
   }
   const boost::unique_lock<boost::mutex> lock(mergeMutex_);
@@ -143,24 +143,24 @@ int CMappingLMDB::MergeAndSwitch() {
       SwitchDbs(&merged, withBloom, &result);
     }
   } catch (...) {
-    merging_ = false;
+    SetMerging(false);
     ZEFS_LOG(kLogFailure,
              "Failed to merge db, the performance is potentially impacted, return value is %d",
              result);
     return result;
   }
-  merging_ = false;
+  SetMerging(false);
   return result;
 }
 
 bool CMappingLMDB::BeginMerge() {
   const std::string tmpPath = PathOf(TMPDB);
   const UniqueLock lock(tableLock_);
-  if (merging_) {
+  if (IsMerging()) {
     ZEFS_LOG(kLogRare, "already merging, just exist");
     return false;
   }
-  merging_ = true;
+  SetMerging(true);
   if (tmpDb_.opened) {
     return true;  // a merge has failed, or the last process ended in one
   }
@@ -168,7 +168,7 @@ bool CMappingLMDB::BeginMerge() {
     ClearDBEnv(&tmpDb_);  // what an attempt that failed half-way has left open
   }
   if (SetupDBEnv(tmpPath, &tmpDb_, kSmallMapSize) != 0) {
-    merging_ = false;
+    SetMerging(false);
     ZEFS_LOG(kLogRare, "Failed to setup tmpdb env for tempdb %s", tmpPath.c_str());
     throw SysException(kErrIo);
   }
@@ -180,7 +180,7 @@ void CMappingLMDB::PrepareMergeDb(MergeDb* merged) {
   const std::string mergePath = PathOf(MERGEDB);
   const std::string lockPath = mergePath + MDB_NO_SUBDIR_LOCK;
   if (!CheckAndCreateDir(mergePath)) {
-    merging_ = false;
+    SetMerging(false);
     ZEFS_LOG(kLogRare, "Failed to check and create dir for %s", mergePath.c_str());
     throw SysException(kErrIo);
   }
@@ -193,13 +193,13 @@ void CMappingLMDB::PrepareMergeDb(MergeDb* merged) {
       fs::remove(lockPath);
     }
   } catch (...) {
-    merging_ = false;
+    SetMerging(false);
     ZEFS_LOG(kLogRare, "Failed to remove old merge db for %s", mergePath.c_str());
     throw SysException(kErrIo);
   }
   const int ret = SetupDBEnv(mergePath, merged->context(), bigTableMapSize_);
   if (ret != 0) {
-    merging_ = false;
+    SetMerging(false);
     ZEFS_LOG(kLogFailure, "Failed to setup env for merge db, return value is %d", ret);
     throw SysException(ret);
   }
@@ -232,7 +232,7 @@ void CMappingLMDB::SwitchDbs(MergeDb* merged, bool withBloom, int* result) {
         ClearDBEnv(db);
       }
     }
-    merging_ = false;
+    SetMerging(false);
     ZEFS_LOG(kLogFailure, "Failed to setup env, return value is %d", *result);
     throw SysException(*result);
   }

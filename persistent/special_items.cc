@@ -103,9 +103,9 @@ int CMappingLMDB::setFileSize(long size) {
   // A merge's switch would otherwise close the databases under the transactions below.
   const SharedLock lock(tableLock_);
   ForgetDOIDUnlocked();
-  if (size <= committedFileSize_) {
+  if (size <= StoredSize()) {
     ZEFS_LOG(kLogTrace, "CMappingLMDB::setFileSize(), fileSize=%lld not updated to %lld",
-             Printed(fileSize_), Printed(size));
+             Printed(CachedSize()), Printed(size));
     return 0;
   }
   ZEFS_LOG(kLogTrace, "CMappingLMDB::setFileSize(), fileSize=%lld", Printed(size));
@@ -113,20 +113,15 @@ int CMappingLMDB::setFileSize(long size) {
   int ret = transaction.Put(SPECIAL_KEY_FILE_SIZE, SpecialValue::OfNumber(size));
   if (ret != 0) {
     transaction.Abort();
-    ZEFS_LOG(kLogFailure, "Failed to update file size %lld, ret:%d", Printed(fileSize_), ret);
+    ZEFS_LOG(kLogFailure, "Failed to update file size %lld, ret:%d", Printed(CachedSize()), ret);
     return ret;
   }
   ret = transaction.CommitLogged();
   if (ret != 0) {
     return ret;
   }
-  fileSize_ = size;
-  committedFileSize_ = size;
+  SetSizes(size);
   return 0;
-}
-
-long CMappingLMDB::getFileSize() {
-  return std::max(fileSize_, committedFileSize_);
 }
 
 int CMappingLMDB::setExtMapVersion(ExtMapVersion version) {
@@ -143,13 +138,9 @@ int CMappingLMDB::setExtMapVersion(ExtMapVersion version) {
   if (ret != 0) {
     return ret;
   }
-  extMapVersion_ = version;
+  SetVersion(version);
   ZEFS_LOG(kLogTrace, "Set lmdb version: %i.%i", version.major, version.minor);
   return 0;
-}
-
-ExtMapVersion CMappingLMDB::getExtMapVersion() const {
-  return extMapVersion_;
 }
 
 // --- commit counter ----------------------------------------------------------------------------

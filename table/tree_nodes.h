@@ -23,12 +23,12 @@ class CMappingTable;
 /// The order of the virtual operations is part of the binary interface.
 class ZEFS_EXTMAP_API CMapNode {
  public:
-  explicit CMapNode(bool isDirty) : dirty(isDirty) { ++count_; }
+  explicit CMapNode(bool isDirty) : dirty(isDirty) { Count(1); }
   CMapNode(const CMapNode&) = delete;
   CMapNode& operator=(const CMapNode&) = delete;
 
   /// Frees this node, never its children.
-  virtual ~CMapNode() { --count_; }
+  virtual ~CMapNode() { Count(-1); }
 
   /// Adds `ext`, which overlaps nothing, in the writer's view. Result 0: this node stands where it
   /// stood, and `*out` gets any new node that has to come to its right. Result 1: a shadow takes
@@ -98,6 +98,9 @@ class ZEFS_EXTMAP_API CMapNode {
   /// Live nodes of all tables. Neither atomic nor guarded: with tables in several threads it is an
   /// estimate.
   static std::int64_t count_;
+
+ private:
+  static void Count(int by) { count_ += by; }
 };
 
 /// An interior node: the ranges of its children, in order.
