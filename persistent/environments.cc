@@ -23,7 +23,7 @@ namespace {
 
 constexpr unsigned int kEnvFlags = MDB_NOSUBDIR | MDB_NOTLS;
 constexpr mdb_mode_t kFileMode = 0600;
-constexpr unsigned long kSpecialItems = 4;
+constexpr long kSpecialItems = 4;
 
 /// Closes an environment that is not set up yet, so that nothing of it is left.
 void DiscardEnv(LMDBContext* db) {
@@ -197,7 +197,9 @@ long CMappingLMDB::DbSizeUnlocked() {
       (tmpDb_.opened && !CountRecords(tmpDb_, Transaction::kReadOnly, &entries))) {
     return 0;
   }
-  return entries < kSpecialItems ? 0 : static_cast<long>(entries - kSpecialItems);
+  // Of a damaged database LMDB's count can fall below zero.
+  const long count = static_cast<long>(entries);
+  return count < kSpecialItems ? 0 : count - kSpecialItems;
 }
 
 }  // namespace Aldenta::Qnd::Morene::Zefs

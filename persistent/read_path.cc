@@ -219,8 +219,9 @@ struct CMappingLMDB::GivenCursor {
   /// costs a third of a search.
   int Seek(long offset, MDB_val* key, MDB_val* value) const {
     if (mdb_cursor_get(cursor(), key, value, MDB_GET_CURRENT) == 0 && ReadKey(*key) <= offset) {
+      *value = {};
       const int ret = mdb_cursor_get(cursor(), key, value, MDB_NEXT);
-      if (ret == 0 ? ReadKey(*key) > offset : ret != MDB_NOTFOUND) {
+      if (ret == 0 ? ReadKey(*key) > offset && value->mv_data != nullptr : ret != MDB_NOTFOUND) {
         return ret;
       }
     }

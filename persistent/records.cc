@@ -79,7 +79,7 @@ ExtLMDBEntry ReadRecord(const MDB_val& value) {
   ExtLMDBEntry entry{};
   if (value.mv_size >= sizeof(entry)) {
     std::memcpy(&entry, value.mv_data, sizeof(entry));  // of a fixed size: a few moves
-  } else {
+  } else if (value.mv_size != 0) {
     std::memcpy(&entry, value.mv_data, value.mv_size);
   }
   return entry;

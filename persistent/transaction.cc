@@ -24,7 +24,10 @@ Transaction::Transaction(const LMDBContext& db, unsigned int flags, const std::s
 int Transaction::Get(std::int64_t key, MDB_val* value) const {
   RecordKey recordKey(key);
   MDB_val keyVal = recordKey.Val();
-  return mdb_get(txn_, dbi_, &keyVal, value);
+  *value = {};
+  const int ret = mdb_get(txn_, dbi_, &keyVal, value);
+  // A damaged page that claims to hold keys only.
+  return ret == 0 && value->mv_data == nullptr ? MDB_CORRUPTED : ret;
 }
 
 int Transaction::Put(std::int64_t key, SpecialValue value) const {

@@ -167,7 +167,7 @@ int CMappingLMDB::truncateDB(LMDBContext* db, long size) {
     return ret;
   }
   MDB_val key;
-  MDB_val value;
+  MDB_val value{};
   const int last = mdb_cursor_get(transaction.cursor(), &key, &value, MDB_LAST);
   const auto setSizes = [&] {
     fileSize_ = size;

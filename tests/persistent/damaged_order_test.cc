@@ -132,5 +132,33 @@ TEST_F(DamagedOrderTest, ARewriteOfObjectIdsChangesNothing) {
   EXPECT_EQ(70U, table.lower_bound(LastBefore() - 1, nullptr)->objectID.dcid);
 }
 
+// Pages that claim to hold keys only give no values: what lay on the stack was taken for one.
+TEST_F(DamagedOrderTest, ARecordWithoutAValueIsDamage) {
+  constexpr std::uint64_t kKeysOnly = 0x20;
+  LoadDisordered("data.mdb");
+  Destroy();
+  DamagedDatabase database(File("data.mdb"));
+  database.Set(database.LastLeaf(), fuzz::kPageFlags, fuzz::kLeafPage | kKeysOnly);
+  database.Store();
+  CMappingLMDB& table = Load();
+  std::unordered_map<unsigned long, unsigned long> dcids;
+  std::vector<crfp_digest_t> fps;
+  EXPECT_EQ(MDB_CORRUPTED, CodeOf([&] { table.GetDCIDAndFPs(&dcids, &fps); }));
+}
+
+TEST_F(DamagedOrderTest, ACountThatFellBelowZeroIsNone) {
+  Write("lsml0.mdb", {Stored(0, 10, 70), Stored(10, 20, 70), Stored(20, 30, 70)});
+  DamagedDatabase database(File("lsml0.mdb"));
+  database.SetMeta(fuzz::kMetaMainDb, fuzz::kDbEntries, 0);
+  database.Store();
+  CMappingLMDB& table = Load();
+  EXPECT_EQ(0, table.truncate(0, nullptr));
+  EXPECT_EQ(0, table.size());
+  std::vector<std::pair<unsigned long, unsigned long>> dcids;
+  std::unique_ptr<BloomFilter> filter;
+  table.GetDCIDAndBloomFilter(&dcids, &filter);
+  EXPECT_THAT(dcids, SizeIs(0));
+}
+
 }  // namespace
 }  // namespace zefs::test
