@@ -1,5 +1,7 @@
 #include <cstring>
 #include <iostream>
+#include <new>
+#include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
 
@@ -27,6 +29,18 @@ void DiscardEnv(LMDBContext* db) {
   db->env = nullptr;
 }
 
+bool IsMissing(const std::string& path) {
+  boost::system::error_code ignored;
+  return fs::status(path, ignored).type() == fs::file_not_found;
+}
+
+/// Removes the file of a database that could not be made. A disk that fills up leaves half of its
+/// first write there, and LMDB would refuse such a file for good.
+void RemoveHalfMade(const std::string& dbPath) {
+  ::unlink(dbPath.c_str());
+  ::unlink((dbPath + CMappingLMDB::MDB_NO_SUBDIR_LOCK).c_str());
+}
+
 }  // namespace
 
 const std::map<int, std::string> CMappingLMDB::mdb_errno_to_string = {
@@ -45,6 +59,7 @@ int CMappingLMDB::SetupDBEnv(const std::string& dbPath, LMDBContext* db, unsigne
     return -1;
   }
   db->path = dbPath;
+  const bool isNew = IsMissing(dbPath);
   int ret = mdb_env_create(&db->env);
   if (ret != 0) {
     db->env = nullptr;
@@ -66,6 +81,9 @@ int CMappingLMDB::SetupDBEnv(const std::string& dbPath, LMDBContext* db, unsigne
   ret = mdb_env_open(db->env, dbPath.c_str(), kEnvFlags, kFileMode);
   if (ret != 0) {
     DiscardEnv(db);
+    if (isNew) {
+      RemoveHalfMade(dbPath);
+    }
     ZEFS_LOG(kLogFailure, "Failed to open env for db %s, return value is %d", dbPath.c_str(), ret);
     return ret;
   }
@@ -112,14 +130,19 @@ int CMappingLMDB::ClearDBEnv(LMDBContext* db) {
   if (db->path.empty()) {
     return 0;
   }
-  // Without exceptions: this runs in a destructor.
-  const std::string lockPath = db->path + MDB_NO_SUBDIR_LOCK;
-  boost::system::error_code error;
-  if (!fs::exists(fs::status(lockPath, error))) {
-    return 0;
-  }
-  if (!fs::remove(lockPath, error)) {
-    ZEFS_LOG(kLogFailure, "Failed to remove lock %s", lockPath.c_str());
+  // Without exceptions, whatever runs out: this is called by a destructor.
+  try {
+    const std::string lockPath = db->path + MDB_NO_SUBDIR_LOCK;
+    boost::system::error_code error;
+    if (!fs::exists(fs::status(lockPath, error))) {
+      return 0;
+    }
+    if (!fs::remove(lockPath, error)) {
+      ZEFS_LOG(kLogFailure, "Failed to remove lock %s", lockPath.c_str());
+      return -1;
+    }
+  } catch (const std::bad_alloc&) {
+    ZEFS_LOG(kLogFailure, "Failed to remove lock %s", db->path.c_str());
     return -1;
   }
   return 0;
