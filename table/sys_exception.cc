@@ -50,13 +50,13 @@ void AddFrame(char* line, char** demangled, std::size_t* room, std::string* text
 [[gnu::noinline]] std::string get_backtrace(unsigned int frames) {
   std::string text = "stack trace:\n";
   auto** addresses = static_cast<void**>(std::malloc((frames + 1) * sizeof(void*)));
-  const int count = backtrace(addresses, static_cast<int>(frames + 1));
-  if (count == 0) {
+  const int count = addresses == nullptr ? 0 : backtrace(addresses, static_cast<int>(frames + 1));
+  char** lines = count == 0 ? nullptr : backtrace_symbols(addresses, count);
+  if (lines == nullptr) {  // without memory for it the exception goes out all the same
     text.append("  <empty, possibly corrupt>\n");
     std::free(static_cast<void*>(addresses));
     return text;
   }
-  char** lines = backtrace_symbols(addresses, count);
   std::size_t room = kDemangleRoom;
   char* demangled = static_cast<char*>(std::malloc(room));
   for (int i = 1; i < count; ++i) {
