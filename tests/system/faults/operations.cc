@@ -160,6 +160,7 @@ std::vector<Operation> MakeOperations() {
     o.prepare = [](SmallTable& t) { t.Make(); };
     o.isLoaded = false;
     o.isLoad = true;
+    o.isSilent = true;  // a version that cannot be committed is returned
     add(o);
   }
   {
