@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <cstring>
 #include <iostream>
 #include <new>
@@ -30,8 +31,7 @@ void DiscardEnv(LMDBContext* db) {
 }
 
 bool IsMissing(const std::string& path) {
-  boost::system::error_code ignored;
-  return fs::status(path, ignored).type() == fs::file_not_found;
+  return ::access(path.c_str(), F_OK) != 0 && errno == ENOENT;
 }
 
 /// Removes the file of a database that could not be made. A disk that fills up leaves half of its
