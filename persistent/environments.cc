@@ -1,6 +1,8 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <new>
+#include <unistd.h>
 
 #include <boost/filesystem/exception.hpp>
 #include <boost/filesystem/operations.hpp>
@@ -40,6 +42,17 @@ int UnusableAs(const std::string& dbPath) {
   }
   const int error = storage::utils::LinkError(dbPath);
   return error != 0 ? error : storage::utils::LinkError(dbPath + CMappingLMDB::MDB_NO_SUBDIR_LOCK);
+}
+
+bool IsMissing(const std::string& path) {
+  return ::access(path.c_str(), F_OK) != 0 && errno == ENOENT;
+}
+
+/// Removes the file of a database that could not be made. A disk that fills up leaves half of its
+/// first write there, and LMDB would refuse such a file for good.
+void RemoveHalfMade(const std::string& dbPath) {
+  ::unlink(dbPath.c_str());
+  ::unlink((dbPath + CMappingLMDB::MDB_NO_SUBDIR_LOCK).c_str());
 }
 
 }  // namespace
@@ -82,11 +95,16 @@ int CMappingLMDB::SetupDBEnv(const std::string& dbPath, LMDBContext* db, unsigne
   if (ret == 0) {
     ret = CheckDatabaseFile(dbPath);
   }
+  bool isNew = false;
   if (ret == 0) {
+    isNew = IsMissing(dbPath);
     ret = mdb_env_open(db->env, dbPath.c_str(), kEnvFlags, kFileMode);
   }
   if (ret != 0) {
     DiscardEnv(db);
+    if (isNew) {
+      RemoveHalfMade(dbPath);
+    }
     ZEFS_LOG(kLogFailure, "Failed to open env for db %s, return value is %d", dbPath.c_str(), ret);
     return ret;
   }
@@ -133,14 +151,19 @@ int CMappingLMDB::ClearDBEnv(LMDBContext* db) {
   if (db->path.empty()) {
     return 0;
   }
-  // Without exceptions: this runs in a destructor.
-  const std::string lockPath = db->path + MDB_NO_SUBDIR_LOCK;
-  boost::system::error_code error;
-  if (!fs::exists(fs::status(lockPath, error))) {
-    return 0;
-  }
-  if (!fs::remove(lockPath, error)) {
-    ZEFS_LOG(kLogFailure, "Failed to remove lock %s", lockPath.c_str());
+  // Without exceptions, whatever runs out: this is called by a destructor.
+  try {
+    const std::string lockPath = db->path + MDB_NO_SUBDIR_LOCK;
+    boost::system::error_code error;
+    if (!fs::exists(fs::status(lockPath, error))) {
+      return 0;
+    }
+    if (!fs::remove(lockPath, error)) {
+      ZEFS_LOG(kLogFailure, "Failed to remove lock %s", lockPath.c_str());
+      return -1;
+    }
+  } catch (const std::bad_alloc&) {
+    ZEFS_LOG(kLogFailure, "Failed to remove lock %s", db->path.c_str());
     return -1;
   }
   return 0;

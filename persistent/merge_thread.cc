@@ -129,7 +129,12 @@ int CMappingLMDB::MergeAndSwitch() {
   // opened, nor the table with it. A failure shows at that flush.
   mdb_env_sync(tmpDb_.env, 1);
   MergeDb merged(this);
-  PrepareMergeDb(&merged);
+  try {
+    PrepareMergeDb(&merged);
+  } catch (...) {
+    SetMerging(false);
+    throw;
+  }
   const bool withBloom =
       FileSystemDaemonConfig::GetInstance().Get(&FileSystemDaemonConfig::persistBloom) != 0;
   int result = 0;
@@ -160,6 +165,7 @@ bool CMappingLMDB::BeginMerge() {
     ZEFS_LOG(kLogRare, "already merging, just exist");
     return false;
   }
+  Chain newest{&tmpDb_};  // made first: once it is open the flushes go there, and it must be read
   SetMerging(true);
   if (tmpDb_.opened) {
     return true;  // a merge has failed, or the last process ended in one
@@ -167,12 +173,16 @@ bool CMappingLMDB::BeginMerge() {
   if (tmpDb_.env != nullptr) {
     ClearDBEnv(&tmpDb_);  // what an attempt that failed half-way has left open
   }
-  if (SetupDBEnv(tmpPath, &tmpDb_, kSmallMapSize) != 0) {
+  try {
+    if (SetupDBEnv(tmpPath, &tmpDb_, kSmallMapSize) != 0) {
+      ZEFS_LOG(kLogRare, "Failed to setup tmpdb env for tempdb %s", tmpPath.c_str());
+      throw SysException(kErrIo);
+    }
+  } catch (...) {
     SetMerging(false);
-    ZEFS_LOG(kLogRare, "Failed to setup tmpdb env for tempdb %s", tmpPath.c_str());
-    throw SysException(kErrIo);
+    throw;
   }
-  dbChain_.push_front(&tmpDb_);
+  dbChain_.splice(dbChain_.begin(), newest);
   return true;
 }
 
@@ -180,7 +190,6 @@ void CMappingLMDB::PrepareMergeDb(MergeDb* merged) {
   const std::string mergePath = PathOf(MERGEDB);
   const std::string lockPath = mergePath + MDB_NO_SUBDIR_LOCK;
   if (!CheckAndCreateDir(mergePath)) {
-    SetMerging(false);
     ZEFS_LOG(kLogRare, "Failed to check and create dir for %s", mergePath.c_str());
     throw SysException(kErrIo);
   }
@@ -193,13 +202,11 @@ void CMappingLMDB::PrepareMergeDb(MergeDb* merged) {
       fs::remove(lockPath);
     }
   } catch (...) {
-    SetMerging(false);
     ZEFS_LOG(kLogRare, "Failed to remove old merge db for %s", mergePath.c_str());
     throw SysException(kErrIo);
   }
   const int ret = SetupDBEnv(mergePath, merged->context(), bigTableMapSize_);
   if (ret != 0) {
-    SetMerging(false);
     ZEFS_LOG(kLogFailure, "Failed to setup env for merge db, return value is %d", ret);
     throw SysException(ret);
   }
@@ -232,7 +239,6 @@ void CMappingLMDB::SwitchDbs(MergeDb* merged, bool withBloom, int* result) {
         ClearDBEnv(db);
       }
     }
-    SetMerging(false);
     ZEFS_LOG(kLogFailure, "Failed to setup env, return value is %d", *result);
     throw SysException(*result);
   }

@@ -128,6 +128,7 @@ bool CMappingLMDB::LoadBloom(std::unique_ptr<BloomFilter>* bloom,
              "Cannot load bloom from: %s, errno:%d, msg:%s, generate bloom from table",
              path.c_str(), errno, e.what());
   }
+  refs->clear();  // the part that there was memory for would be counted once more
   return false;
 }
 

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <string_view>
 #include <type_traits>
 #include <unistd.h>
@@ -114,7 +115,12 @@ DcOffsetStore::DcOffsetStore(const std::string& path, bool noMmap, const std::st
     : path_(path), offsets_(10), noMmap_(noMmap), storeName_(storeName), tmpSuffix_(tmpSuffix) {}
 
 DcOffsetStore::~DcOffsetStore() {
-  Flush();
+  try {
+    Flush();
+  } catch (const std::bad_alloc&) {
+    ZEFS_LOG(kLogFailure, "failed to flush dc offset with path_=%s, return=%ld", path_.c_str(),
+             static_cast<long>(ENOMEM));
+  }
   CloseUnlocked();
 }
 

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <new>
 #include <unistd.h>
 
 #include <boost/filesystem/exception.hpp>
@@ -92,10 +93,16 @@ ExtentJournal::ExtentJournal(const std::string& path, bool noMmap)
     : path_(path), replayPath_(path + REPLAY_EXTENTION), noMmap_(noMmap) {}
 
 ExtentJournal::~ExtentJournal() {
-  if (opened_) {
-    Flush(true);
-    Close();
+  if (!opened_) {
+    return;
   }
+  try {
+    Flush(true);
+  } catch (const std::bad_alloc&) {
+    ZEFS_LOG(zefs::kLogFailure, "failed to write extent journal path_=%s, return=%d", path_.c_str(),
+             ENOMEM);
+  }
+  Close();
 }
 
 int ExtentJournal::Open() {

@@ -45,26 +45,32 @@ void AddFrame(char* line, char** demangled, std::size_t* room, std::string* text
   text->append(name).append("+").append(plus + 1).append("\n");
 }
 
+/// A block of malloc, which goes with it: also when the text finds no memory.
+template <typename T>
+struct Block {
+  explicit Block(T* taken) : start(taken) {}
+  ~Block() { std::free(static_cast<void*>(start)); }
+  Block(const Block&) = delete;
+  Block& operator=(const Block&) = delete;
+  T* start;
+};
+
 /// The call stack of its caller, at most `frames` frames. Never inlined: the first frame, which it
 /// leaves out, is its own.
 [[gnu::noinline]] std::string get_backtrace(unsigned int frames) {
   std::string text = "stack trace:\n";
-  auto** addresses = static_cast<void**>(std::malloc((frames + 1) * sizeof(void*)));
-  const int count = backtrace(addresses, static_cast<int>(frames + 1));
-  if (count == 0) {
-    text.append("  <empty, possibly corrupt>\n");
-    std::free(static_cast<void*>(addresses));
-    return text;
+  const Block<void*> addresses(static_cast<void**>(std::malloc((frames + 1) * sizeof(void*))));
+  const int count =
+      addresses.start == nullptr ? 0 : backtrace(addresses.start, static_cast<int>(frames + 1));
+  const Block<char*> lines(count == 0 ? nullptr : backtrace_symbols(addresses.start, count));
+  if (lines.start == nullptr) {  // without memory for it the exception goes out all the same
+    return text.append("  <empty, possibly corrupt>\n");
   }
-  char** lines = backtrace_symbols(addresses, count);
   std::size_t room = kDemangleRoom;
-  char* demangled = static_cast<char*>(std::malloc(room));
+  Block<char> demangled(static_cast<char*>(std::malloc(room)));
   for (int i = 1; i < count; ++i) {
-    AddFrame(lines[i], &demangled, &room, &text);
+    AddFrame(lines.start[i], &demangled.start, &room, &text);
   }
-  std::free(demangled);
-  std::free(static_cast<void*>(lines));
-  std::free(static_cast<void*>(addresses));
   return text;
 }
 
