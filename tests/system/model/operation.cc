@@ -1,0 +1,171 @@
+#include "tests/system/model/operation.h"
+
+#include <array>
+#include <ostream>
+#include <random>
+#include <utility>
+
+namespace zefs::test {
+
+namespace {
+
+struct KindOf {
+  Kind kind;
+  const char* name;
+  int weight;
+};
+
+// In the order of the enumerators. The weights say how often a kind is met.
+constexpr std::array<KindOf, kKinds> kTable = {{
+    {Kind::kInsertNode, "insert with node", 150},
+    {Kind::kInsertKnown, "insert with id", 90},
+    {Kind::kInsertBoth, "insert with node and id", 20},
+    {Kind::kInsertNothing, "insert with neither", 12},
+    {Kind::kInsertEmpty, "insert of nothing", 8},
+    {Kind::kAppend, "append", 70},
+    {Kind::kUpdate, "update of a found extent", 12},
+    {Kind::kTruncate, "truncate", 22},
+    {Kind::kSetFileSize, "set file size", 14},
+    {Kind::kMakeReady, "node ready", 130},
+    {Kind::kMakeAllReady, "all nodes ready", 16},
+    {Kind::kFind, "find", 60},
+    {Kind::kLowerBound, "lower bound", 60},
+    {Kind::kFindCached, "lower bound in cache", 30},
+    {Kind::kWalk, "walk", 20},
+    {Kind::kWalkBack, "walk back", 10},
+    {Kind::kSizes, "sizes", 20},
+    {Kind::kPlan, "plan", 45},
+    {Kind::kSetObjectId, "set object id", 16},
+    {Kind::kListIds, "list ids", 14},
+    {Kind::kRewriteIds, "rewrite ids", 10},
+    {Kind::kReferences, "references", 14},
+    {Kind::kBinaryReferences, "binary references", 14},
+    {Kind::kFilter, "filter", 18},
+    {Kind::kSetDoid, "set do id", 14},
+    {Kind::kGetDoid, "get do id", 14},
+    {Kind::kIsChanged, "is changed", 14},
+    {Kind::kWritingNodes, "writing nodes", 14},
+    {Kind::kBackfill, "backfill", 18},
+    {Kind::kRefreshOffset, "refresh offset", 10},
+    {Kind::kFlush, "flush", 60},
+    {Kind::kForcedFlush, "forced flush", 30},
+    {Kind::kFlushUnlocked, "flush, unlocked", 8},
+    {Kind::kRefusedFlush, "refused flush", 3},
+    {Kind::kFlushOverFailed, "flush with failing merge", 14},
+    {Kind::kForgetNodes, "forget nodes", 2},
+    {Kind::kMerge, "merge", 8},
+    {Kind::kFailedMerge, "failed merge", 8},
+    {Kind::kCommitFlag, "commit flag", 4},
+    {Kind::kSave, "save", 3},
+    {Kind::kSetVersion, "set version", 4},
+    {Kind::kSnapshot, "snapshot", 5},
+    {Kind::kMove, "move", 4},
+    {Kind::kRemove, "remove", 1},
+    {Kind::kReload, "reload", 7},
+    {Kind::kKill, "kill", 3},
+    {Kind::kCrash, "crash within", 8},
+}};
+
+const std::vector<double>& Weights() {
+  static const std::vector<double> weights = [] {
+    std::vector<double> all;
+    all.reserve(kTable.size());
+    for (const KindOf& kind : kTable) {
+      all.push_back(kind.weight);
+    }
+    return all;
+  }();
+  return weights;
+}
+
+/// Offsets and lengths of a program: a dense domain, on which writes meet all the time, and now and
+/// then one far behind it.
+class Places {
+ public:
+  explicit Places(std::mt19937_64* random)
+      : random_(*random), domain_(1L << Below(9)), unit_(1L << (3 * Below(5))) {
+    domain_ = std::max(domain_, 64L);
+  }
+
+  long At() {
+    const long far = Below(40) == 0 ? (5L << 32) + (Below(4) << 40) : 0;
+    return far + Below(domain_) * unit_;
+  }
+  long Length() {
+    const long blocks = Below(6) == 0 ? Below(domain_ / 2) : Below(domain_ / 16 + 2);
+    return (blocks + 1) * unit_ - (Below(8) == 0 && unit_ > 1 ? 1 : 0);
+  }
+
+ private:
+  long Below(long end) { return std::uniform_int_distribution<long>(0, end - 1)(random_); }
+
+  std::mt19937_64& random_;
+  long domain_;
+  long unit_;
+};
+
+Setup AnySetup(std::mt19937_64* random) {
+  const auto below = [random](std::uint32_t end) {
+    return std::uniform_int_distribution<std::uint32_t>(0, end - 1)(*random);
+  };
+  static const std::array<const char*, 4> kTypes = {"PROVISION", "INGEST", "GENERIC", "unknown"};
+  Setup setup;
+  setup.type = kTypes.at(below(4));
+  setup.prefetch = below(2) == 0;
+  setup.prefetchSpan = 1U << below(20);
+  setup.bloom = below(4) != 0;
+  setup.tracking = below(4) != 0;
+  setup.trackingThreshold = below(12);
+  setup.batchThreshold = below(3) == 0 ? below(12) : 1;
+  setup.readyThreshold = below(5);
+  setup.mergeEntries = 8 + below(100);
+  setup.mergeCommits = 2 + below(12);
+  setup.mergeBatch = 1 + below(20);
+  return setup;
+}
+
+}  // namespace
+
+const char* NameOf(Kind kind) {
+  return kTable.at(static_cast<std::size_t>(kind)).name;
+}
+
+std::ostream& operator<<(std::ostream& out, const Operation& operation) {
+  return out << NameOf(operation.kind) << ": at " << operation.at << ", length " << operation.length
+             << ", pick " << operation.pick;
+}
+
+std::ostream& operator<<(std::ostream& out, const Program& program) {
+  const Setup& setup = program.setup;
+  out << "seed " << program.seed << ", type " << setup.type << ", prefetch " << setup.prefetch
+      << " (span " << setup.prefetchSpan << "), bloom " << setup.bloom << ", offsets tracked "
+      << setup.tracking << " (from " << setup.trackingThreshold << "), flush from "
+      << setup.batchThreshold << " keys and " << setup.readyThreshold << " nodes, merge above "
+      << setup.mergeEntries << " records or " << setup.mergeCommits << " commits in batches of "
+      << setup.mergeBatch << '\n';
+  for (std::size_t i = 0; i < program.operations.size(); ++i) {
+    out << "  " << i << ". " << program.operations[i] << '\n';
+  }
+  return out;
+}
+
+Program AnyProgram(std::uint64_t seed, std::size_t length) {
+  std::mt19937_64 random(seed);
+  Program program;
+  program.seed = seed;
+  program.setup = AnySetup(&random);
+  Places places(&random);
+  std::discrete_distribution<std::size_t> kinds(Weights().begin(), Weights().end());
+  program.operations.reserve(length);
+  for (std::size_t i = 0; i < length; ++i) {
+    Operation operation;
+    operation.kind = kTable.at(kinds(random)).kind;
+    operation.at = places.At();
+    operation.length = places.Length();
+    operation.pick = static_cast<std::uint32_t>(random());
+    program.operations.push_back(operation);
+  }
+  return program;
+}
+
+}  // namespace zefs::test
