@@ -179,11 +179,13 @@ Disk ReadDisk(const std::string& directory) {
   const fs::path path(directory);
   Disk disk;
   const auto read = [&](const char* name, Database* database) {
-    if (fs::exists(path / name)) {
-      *database = ReadDatabase(path / name);
-      return true;
+    if (!fs::exists(path / name)) {
+      return false;
     }
-    return false;
+    if (fs::file_size(path / name) != 0) {  // else its making was cut off
+      *database = ReadDatabase(path / name);
+    }
+    return true;
   };
   read("lsml0.mdb", &disk.small);
   if (!read("data.mdb", &disk.full) && fs::is_regular_file(path / "mergedb")) {

@@ -91,6 +91,7 @@ void Model::Truncate(long size) {
   DropPrefetched();
   FirstChange();
   disk_.bloom.reset();
+  filterMayDeny_ = false;
   Waypoint();
   cache_.Truncate(size);
   TruncateDatabase(&disk_.small, size);
@@ -372,6 +373,15 @@ void Model::ChangeAttributes(long offset, const ObjectID& id) {
 
 // --- the two tables
 
+std::optional<ObjectID> Model::IdToBe(const Seen& seen) const {
+  const Piece& piece = seen.piece;
+  if (seen.layer == 0 && piece.node != 0) {
+    const Node& node = nodes_.at(static_cast<std::size_t>(piece.node));
+    return node.ready ? std::optional(node.id) : std::nullopt;
+  }
+  return seen.layer == 0 && piece.id.dcid == 0 ? std::nullopt : std::optional(piece.id);
+}
+
 std::string Model::Agree() const {
   const auto stored = AllOf(StoredLayers());
   const auto memory = AllOf({&tree_});
@@ -385,11 +395,9 @@ std::string Model::Agree() const {
     offset = std::max(offset, std::min(a->piece.start, b->piece.start));
     const Piece left = From(a->piece, offset);
     const Piece right = From(b->piece, offset);
-    // A cached extent may not have learnt its object yet, or never will.
-    const bool learnt = b->layer != 0 || (b->piece.node == 0 && b->piece.id.dcid != 0);
+    const auto id = IdToBe(*b);
     if (std::max(a->piece.start, b->piece.start) > offset ||
-        Stored32(left.objOff) != Stored32(right.objOff) ||
-        (learnt && !SameObject(left.id, right.id))) {
+        Stored32(left.objOff) != Stored32(right.objOff) || (id && !SameObject(left.id, *id))) {
       return "at " + std::to_string(offset) + " memory shows " + Words(a->piece, a->end) +
              ", stored " + Words(b->piece, b->end);
     }
@@ -407,11 +415,11 @@ void Model::RebuildIfStrayed() {
   Layer fresh;
   for (const Seen& seen : AllOf(StoredLayers())) {
     Piece piece = seen.piece;
-    if (seen.layer == 0 && (piece.node != 0 || piece.id.dcid == 0)) {
-      const auto known = tree_.upper_bound(piece.start);
-      if (known != tree_.end() && known->second.start <= piece.start) {
-        piece.id = known->second.id;
-      }
+    const auto known = tree_.upper_bound(piece.start);
+    if (const auto id = IdToBe(seen)) {
+      piece.id = *id;
+    } else if (known != tree_.end() && known->second.start <= piece.start) {
+      piece.id = known->second.id;
     }
     piece.dcOffset = -1;
     fresh.emplace_hint(fresh.end(), seen.end, piece);

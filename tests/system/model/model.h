@@ -112,6 +112,8 @@ class Model {
   std::pair<BytesByDcid, std::multiset<crfp_digest_t>> StoredReferences() const;
   /// Containers with bytes, and what the filter has counted; what was changed is known from now on.
   std::pair<BytesByDcid, std::uint64_t> Filter();
+  /// Whether the filter may be of an older merge, after a kill.
+  bool FilterMayDeny() const { return filterMayDeny_; }
   void SetDoid(const Doid& doid);
   std::optional<Doid> GetDoid() const;
   bool IsChanged() const;
@@ -178,6 +180,9 @@ class Model {
   void Replay();
   void MergeIfDue(std::size_t entries, MergeFault fault);
   void TruncateDatabase(Database* database, long size);
+  /// The object that an extent of the stored table will have been stored under. None while nobody
+  /// knows, and for a cached extent that has lost its node and will never be stored.
+  std::optional<ObjectID> IdToBe(const Seen& seen) const;
   /// What only the stored table has lost or kept: the host takes the table in memory from there.
   void RebuildIfStrayed();
 
@@ -194,6 +199,7 @@ class Model {
   Version version_{2, 0};
   bool changed_ = true;
   Doid doid_;
+  bool filterMayDeny_ = false;
   bool rebuilt_ = false;
   bool keepWaypoints_ = false;
   std::vector<Disk> waypoints_;

@@ -249,6 +249,7 @@ void Model::Merge(MergeFault fault) {
   Waypoint();
   disk_.small = std::move(*disk_.tmp);
   disk_.tmp.reset();
+  filterMayDeny_ = false;
   if (setup_.bloom) {
     Waypoint();
     disk_.bloom.emplace();
@@ -271,11 +272,15 @@ long Model::SizeOnDisk() const {
 void Model::Remove() {
   disk_ = Disk{};
   offsets_.clear();
+  filterMayDeny_ = false;
   tree_.clear();
   rebuilt_ = true;
 }
 
 void Model::Adopt(Disk found) {
+  // Killed between the switch of the databases and that of the bloom file, which is the last step:
+  // what is there may be the filter of the merge before.
+  filterMayDeny_ = found.bloom && found.full.extents != disk_.full.extents;
   disk_ = std::move(found);
 }
 

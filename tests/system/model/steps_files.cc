@@ -10,6 +10,12 @@ namespace zefs::test {
 
 namespace fs = boost::filesystem;
 
+namespace {
+
+constexpr long kSpecialItems = 4;  // of one database, not counted in a size
+
+}  // namespace
+
 void Steps::LoadStored() {
   model_.Load();
   const bool givenUp = Overlaps(model_.disk().small.extents);
@@ -94,7 +100,7 @@ void Steps::Snapshot() {
   Equal("file size of a snapshot",
         std::max(full.fileSize.value_or(0), small.fileSize.value_or(0)), copy->getFileSize());
   Equal("size of a snapshot",
-        static_cast<long>(full.Records() + small.Records() - 4), copy->size());
+        std::max(static_cast<long>(full.Records() + small.Records()) - kSpecialItems, 0L), copy->size());
   auto at = copy->begin();
   for (const Seen& seen : AllOf({&small.extents, &full.extents})) {
     CheckSeen("extent of a snapshot", seen, copy.get(), at);
