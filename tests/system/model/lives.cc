@@ -3,20 +3,18 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <exception>
-#include <fcntl.h>
 #include <unistd.h>
 #include <vector>
 
 #include <boost/filesystem/operations.hpp>
 #include <sys/wait.h>
 
-#include "refhost/host/log.h"
 #include "tests/support/fault_injection.h"
 #include "tests/support/temp_dir.h"
+#include "tests/system/model/child.h"
 #include "tests/system/model/shared_memory.h"
 
 namespace zefs::test {
@@ -26,7 +24,6 @@ namespace {
 namespace fs = boost::filesystem;
 
 constexpr std::size_t kChecks = 24;  // operations from one whole check to the next
-constexpr int kDifferent = 3;        // exit status of a life that has found a difference
 
 /// What a life tells of itself, and what stays when it is killed.
 struct Telling {
@@ -67,9 +64,7 @@ class Life {
       : program_(program), makers_(makers), telling_(*telling), tally_(tally) {}
 
   [[noreturn]] void Run(Model model, std::size_t from, const std::string& path) {
-    const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    ::dup2(nowhere, STDOUT_FILENO);  // a table in memory tells its sizes there
-    refhost::SetLogLevel(std::getenv("ZEFS_MODEL_LOG") != nullptr ? 0 : kLogFailure + 1);
+    BeQuiet();
     try {
       Live(&model, from, path);
       ::_exit(0);
@@ -142,10 +137,10 @@ bool ShowTheSame(const Disk& one, const Disk& other) {
 class Lives {
  public:
   Lives(const Program& program, const TableMakers& makers, Tally* tally)
-      : program_(program), makers_(makers), tally_(*tally), model_(program.setup) {}
+      : program_(program), makers_(makers), tally_(*tally), model_(program.settings) {}
 
   std::optional<std::string> Run() {
-    Apply(program_.setup);
+    Apply(program_.settings);
     while (at_ < program_.operations.size() && !difference_) {
       LiveOnce();
     }
@@ -159,19 +154,8 @@ class Lives {
     telling_->done = at_;
     telling_->words.fill('\0');
     const std::string path = Path();
-    const pid_t child = ::fork();
-    if (child == -1) {
-      throw std::runtime_error("cannot start a child process");
-    }
-    if (child == 0) {
-      Life(program_, makers_, &*telling_, &tally_).Run(model_, at_, path);
-    }
-    int status = 0;
-    while (::waitpid(child, &status, 0) != child) {
-      if (errno != EINTR) {
-        throw std::runtime_error("cannot wait for a child process");
-      }
-    }
+    const int status = StatusOfChild(
+        [&] { Life(program_, makers_, &*telling_, &tally_).Run(model_, at_, path); });
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
       FollowWell();
     } else if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) {

@@ -217,7 +217,7 @@ void Model::DropPrefetchedUnder(long start, long end) {
 }
 
 void Model::KeepPrefetched(std::vector<Seen> fetched) {
-  if (!setup_.prefetch || fetched.empty()) {
+  if (!settings_.prefetch || fetched.empty()) {
     return;
   }
   if (run_.empty()) {
@@ -240,7 +240,7 @@ void Model::KeepPrefetched(std::vector<Seen> fetched) {
     return;
   }
   const auto inSpan = [&](const Seen& seen) {
-    return std::abs(seen.piece.start - newStart) <= static_cast<long>(setup_.prefetchSpan);
+    return std::abs(seen.piece.start - newStart) <= static_cast<long>(settings_.prefetchSpan);
   };
   std::vector<Seen> joined;
   const bool oldFirst = oldStart < newStart;

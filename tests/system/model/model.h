@@ -69,10 +69,10 @@ struct Plan {
 /// it, but of everything that a table must give back.
 class Model {
  public:
-  explicit Model(Setup setup) : setup_(std::move(setup)) {}
+  explicit Model(Settings settings) : settings_(std::move(settings)) {}
 
-  const Setup& setup() const { return setup_; }
-  bool HasJournal() const { return setup_.type == "GENERIC"; }
+  const Settings& settings() const { return settings_; }
+  bool HasJournal() const { return settings_.type == "GENERIC"; }
 
   // --- nodes
 
@@ -186,7 +186,7 @@ class Model {
   /// What only the stored table has lost or kept: the host takes the table in memory from there.
   void RebuildIfStrayed();
 
-  Setup setup_;
+  Settings settings_;
   Nodes nodes_{Node{}};
   Layer tree_;
   CacheModel cache_;

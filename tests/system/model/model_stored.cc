@@ -49,11 +49,11 @@ void Model::SetVersion(Version version) {
 
 Model::Flushed Model::Flush(bool force, bool refuse, MergeFault fault) {
   Flushed flushed;
-  if (cache_.pending() < setup_.batchThreshold && !force) {
+  if (cache_.pending() < settings_.batchThreshold && !force) {
     return flushed;
   }
   flushed.released = cache_.TakeDangling();
-  const auto ids = cache_.Collect(force, setup_.readyThreshold, nodes_, &flushed.released);
+  const auto ids = cache_.Collect(force, settings_.readyThreshold, nodes_, &flushed.released);
   if (!ids.empty()) {
     DropPrefetched();
     if (refuse) {  // what was collected stays in the cache for good
@@ -167,11 +167,11 @@ void Model::Track(long key, const Piece& piece) {
 }
 
 void Model::RefreshOffset(const OffsetRecord& record) {
-  if (record.dcOffset >= 0 || record.dcOffset == kNeverTracked || !setup_.tracking) {
+  if (record.dcOffset >= 0 || record.dcOffset == kNeverTracked || !settings_.tracking) {
     return;
   }
   offsets_.insert(record);
-  if (offsets_.size() >= setup_.trackingThreshold) {
+  if (offsets_.size() >= settings_.trackingThreshold) {
     FlushOffsets();
   }
 }
@@ -212,7 +212,7 @@ void Model::Backfill(const std::vector<OffsetRecord>& answers) {
 // --- merges
 
 void Model::MergeIfDue(std::size_t entries, MergeFault fault) {
-  if (disk_.tmp || entries > setup_.mergeEntries || commits_ > long{setup_.mergeCommits}) {
+  if (disk_.tmp || entries > settings_.mergeEntries || commits_ > long{settings_.mergeCommits}) {
     Merge(fault);
     commits_ = 0;
   }
@@ -250,7 +250,7 @@ void Model::Merge(MergeFault fault) {
   disk_.small = std::move(*disk_.tmp);
   disk_.tmp.reset();
   filterMayDeny_ = false;
-  if (setup_.bloom) {
+  if (settings_.bloom) {
     Waypoint();
     disk_.bloom.emplace();
     for (const auto& [end, piece] : disk_.full.extents) {

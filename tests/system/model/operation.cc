@@ -104,24 +104,24 @@ class Places {
   long unit_;
 };
 
-Setup AnySetup(std::mt19937_64* random) {
+Settings AnySettings(std::mt19937_64* random) {
   const auto below = [random](std::uint32_t end) {
     return std::uniform_int_distribution<std::uint32_t>(0, end - 1)(*random);
   };
   static const std::array<const char*, 4> kTypes = {"PROVISION", "INGEST", "GENERIC", "unknown"};
-  Setup setup;
-  setup.type = kTypes.at(below(4));
-  setup.prefetch = below(2) == 0;
-  setup.prefetchSpan = 1U << below(20);
-  setup.bloom = below(4) != 0;
-  setup.tracking = below(4) != 0;
-  setup.trackingThreshold = below(12);
-  setup.batchThreshold = below(3) == 0 ? below(12) : 1;
-  setup.readyThreshold = below(5);
-  setup.mergeEntries = 8 + below(100);
-  setup.mergeCommits = 2 + below(12);
-  setup.mergeBatch = 1 + below(20);
-  return setup;
+  Settings settings;
+  settings.type = kTypes.at(below(4));
+  settings.prefetch = below(2) == 0;
+  settings.prefetchSpan = 1U << below(20);
+  settings.bloom = below(4) != 0;
+  settings.tracking = below(4) != 0;
+  settings.trackingThreshold = below(12);
+  settings.batchThreshold = below(3) == 0 ? below(12) : 1;
+  settings.readyThreshold = below(5);
+  settings.mergeEntries = 8 + below(100);
+  settings.mergeCommits = 2 + below(12);
+  settings.mergeBatch = 1 + below(20);
+  return settings;
 }
 
 }  // namespace
@@ -136,13 +136,13 @@ std::ostream& operator<<(std::ostream& out, const Operation& operation) {
 }
 
 std::ostream& operator<<(std::ostream& out, const Program& program) {
-  const Setup& setup = program.setup;
-  out << "seed " << program.seed << ", type " << setup.type << ", prefetch " << setup.prefetch
-      << " (span " << setup.prefetchSpan << "), bloom " << setup.bloom << ", offsets tracked "
-      << setup.tracking << " (from " << setup.trackingThreshold << "), flush from "
-      << setup.batchThreshold << " keys and " << setup.readyThreshold << " nodes, merge above "
-      << setup.mergeEntries << " records or " << setup.mergeCommits << " commits in batches of "
-      << setup.mergeBatch << '\n';
+  const Settings& settings = program.settings;
+  out << "seed " << program.seed << ", type " << settings.type << ", prefetch " << settings.prefetch
+      << " (span " << settings.prefetchSpan << "), bloom " << settings.bloom << ", offsets tracked "
+      << settings.tracking << " (from " << settings.trackingThreshold << "), flush from "
+      << settings.batchThreshold << " keys and " << settings.readyThreshold << " nodes, merge above "
+      << settings.mergeEntries << " records or " << settings.mergeCommits << " commits in batches of "
+      << settings.mergeBatch << '\n';
   for (std::size_t i = 0; i < program.operations.size(); ++i) {
     out << "  " << i << ". " << program.operations[i] << '\n';
   }
@@ -153,7 +153,7 @@ Program AnyProgram(std::uint64_t seed, std::size_t length) {
   std::mt19937_64 random(seed);
   Program program;
   program.seed = seed;
-  program.setup = AnySetup(&random);
+  program.settings = AnySettings(&random);
   Places places(&random);
   std::discrete_distribution<std::size_t> kinds(Weights().begin(), Weights().end());
   program.operations.reserve(length);

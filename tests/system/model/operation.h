@@ -82,7 +82,7 @@ struct Operation {
 std::ostream& operator<<(std::ostream& out, const Operation& operation);
 
 /// The host's settings, for the whole of a program.
-struct Setup {
+struct Settings {
   std::string type = "PROVISION";
   bool prefetch = false;
   std::uint32_t prefetchSpan = 0;
@@ -98,7 +98,7 @@ struct Setup {
 
 struct Program {
   std::uint64_t seed = 0;
-  Setup setup;
+  Settings settings;
   std::vector<Operation> operations;
 };
 

@@ -14,6 +14,7 @@
 
 #include "tests/system/model/minimise.h"
 #include "tests/system/model/shared_memory.h"
+#include "tests/system/model/stripes.h"
 
 namespace zefs::test {
 
@@ -96,6 +97,7 @@ class Soaking {
 
  private:
   static constexpr useconds_t kTick = 100'000;
+  static constexpr std::uint64_t kStripesEvery = 8;  // programs
 
   /// One process: takes the next program as long as there is one.
   void Work() {
@@ -110,7 +112,20 @@ class Soaking {
         shared_->stop = true;
         shared_->tally.differences += 1;
         TellDifference(program, *difference);
+      } else if (number % kStripesEvery == 0) {
+        BesideEachOther(program.seed);
       }
+    }
+  }
+
+  /// Several threads at once.
+  void BesideEachOther(std::uint64_t seed) {
+    const auto difference = RunStripesInChild(seed, makers_, &shared_->tally);
+    if (difference) {
+      shared_->stop = true;
+      shared_->tally.differences += 1;
+      Write("\nDIFFERENCE in the threads of seed " + std::to_string(seed) + ": " + *difference +
+            "\nagain: zefs-soak --seed " + std::to_string(seed) + " --programs 1\n");
     }
   }
 

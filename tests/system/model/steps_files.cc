@@ -23,7 +23,7 @@ void Steps::LoadStored() {
     tables_->cache.Clear();
     tables_->cache.Follow(&model_.nodes());
     Equal("load in memory", 0, tables_->memory ? tables_->memory->load("", false, "") : 0);
-    Equal("load", 0, tables_->Load(model_.setup().type));
+    Equal("load", 0, tables_->Load(model_.settings().type));
     tally_.reloads += 1;
   }
   if (givenUp) {

@@ -71,24 +71,24 @@ TableMakers Genuine() {
           }};
 }
 
-void Apply(const Setup& setup) {
+void Apply(const Settings& settings) {
   using Config = FileSystemDaemonConfig;
   constexpr std::uint32_t kNever = 1U << 30;
   constexpr std::uint32_t kRoomOfFilter = 100;  // merges are awaited in any case
   Config& config = Config::GetInstance();
   config.Set(&Config::bigTableMapSizeGiB, 1U);
-  config.Set(&Config::batchUpdateThreshold, setup.batchThreshold);
-  config.Set(&Config::objIdReadyThreshold, setup.readyThreshold);
-  config.Set(&Config::mergeEntriesThreshold, setup.mergeEntries);
-  config.Set(&Config::mergeCommitCountThreshold, setup.mergeCommits);
+  config.Set(&Config::batchUpdateThreshold, settings.batchThreshold);
+  config.Set(&Config::objIdReadyThreshold, settings.readyThreshold);
+  config.Set(&Config::mergeEntriesThreshold, settings.mergeEntries);
+  config.Set(&Config::mergeCommitCountThreshold, settings.mergeCommits);
   config.Set(&Config::mergeCommitTimeThreshold, kNever);
   config.Set(&Config::mergeWaitEntriesThreshold, kRoomOfFilter);
-  config.Set(&Config::mergeCommitBatchSize, setup.mergeBatch);
-  config.Set(&Config::persistBloom, static_cast<std::uint8_t>(setup.bloom));
-  config.Set(&Config::prefetchEnabled, static_cast<std::int32_t>(setup.prefetch));
-  config.Set(&Config::prefetchSpanBytes, setup.prefetchSpan);
-  config.Set(&Config::dcOffsetTrackingEnabled, setup.tracking);
-  config.Set(&Config::dcOffsetStoreThreshold, setup.trackingThreshold);
+  config.Set(&Config::mergeCommitBatchSize, settings.mergeBatch);
+  config.Set(&Config::persistBloom, static_cast<std::uint8_t>(settings.bloom));
+  config.Set(&Config::prefetchEnabled, static_cast<std::int32_t>(settings.prefetch));
+  config.Set(&Config::prefetchSpanBytes, settings.prefetchSpan);
+  config.Set(&Config::dcOffsetTrackingEnabled, settings.tracking);
+  config.Set(&Config::dcOffsetStoreThreshold, settings.trackingThreshold);
 }
 
 int Tables::Load(const std::string& type) {

@@ -58,7 +58,7 @@ struct TableMakers {
 TableMakers Genuine();
 
 /// The host's settings become these.
-void Apply(const Setup& setup);
+void Apply(const Settings& settings);
 
 /// The two tables of one life, and what they need.
 struct Tables {
