@@ -15,6 +15,12 @@
 
 namespace zefs::test {
 
+namespace {
+
+constexpr unsigned int kLongest = 300;  // seconds: longer than any life that does not hang
+
+}  // namespace
+
 int StatusOfChild(const std::function<void()>& run) {
   const pid_t child = ::fork();
   if (child == -1) {
@@ -38,6 +44,7 @@ void BeQuiet() {
   ::dup2(nowhere, STDOUT_FILENO);
   ::close(nowhere);
   refhost::SetLogLevel(kLogFailure + 1);
+  ::alarm(kLongest);
 }
 
 std::optional<std::string> InChild(const std::function<std::optional<std::string>()>& run) {

@@ -14,7 +14,7 @@ inline constexpr int kDifferent = 3;
 int StatusOfChild(const std::function<void()>& run);
 
 /// In a child process: no library log, and nothing on standard output, where tables in memory tell
-/// their sizes.
+/// their sizes; one that hangs dies of SIGALRM.
 void BeQuiet();
 
 /// What `run` gives in a child process, or how that has died.

@@ -128,7 +128,8 @@ std::string Difference(const std::string& name, const Database& predicted, const
   if (predicted.extents != found.extents) {
     words = "extents: expected" + Words(predicted.extents) + "\n  found" + Words(found.extents);
   } else if (predicted.fileSize != found.fileSize) {
-    words = "file size: expected " + Number(predicted.fileSize) + ", found " + Number(found.fileSize);
+    words =
+        "file size: expected " + Number(predicted.fileSize) + ", found " + Number(found.fileSize);
   } else if (predicted.counter != found.counter) {
     words = "commits: expected " + Number(predicted.counter) + ", found " + Number(found.counter);
   } else if (!(predicted.doid == found.doid)) {

@@ -89,9 +89,9 @@ class StoredThatDropsWrites final : public CMappingLMDB {
   int insert(long sOff, long eOff, const ObjectID* oid, long objOff, long objCksum, void* data,
              int dcOffset, FILE* trace) override {
     constexpr int kOneIn = 40;
-    return ++writes_ % kOneIn == 0 ? 0
-                                   : CMappingLMDB::insert(sOff, eOff, oid, objOff, objCksum, data,
-                                                          dcOffset, trace);
+    return ++writes_ % kOneIn == 0
+               ? 0
+               : CMappingLMDB::insert(sOff, eOff, oid, objOff, objCksum, data, dcOffset, trace);
   }
 
  private:

@@ -154,8 +154,8 @@ class Lives {
     telling_->done = at_;
     telling_->words.fill('\0');
     const std::string path = Path();
-    const int status = StatusOfChild(
-        [&] { Life(program_, makers_, &*telling_, &tally_).Run(model_, at_, path); });
+    const int status =
+        StatusOfChild([&] { Life(program_, makers_, &*telling_, &tally_).Run(model_, at_, path); });
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
       FollowWell();
     } else if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) {

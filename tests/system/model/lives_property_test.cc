@@ -1,13 +1,12 @@
 // Programs of fixed seeds on the genuine tables, and on faulty ones.
 
-#include "tests/system/model/lives.h"
-
 #include <gtest/gtest.h>
 
 #include "tests/support/figures.h"
 #include "tests/support/in_memory.h"
 #include "tests/support/property.h"
 #include "tests/system/model/faulty_tables.h"
+#include "tests/system/model/lives.h"
 #include "tests/system/model/minimise.h"
 #include "tests/system/model/shared_memory.h"
 

@@ -10,8 +10,8 @@ namespace zefs::test {
 
 namespace {
 
-constexpr std::uint64_t kFirstDcid = 64;   // names a container
-constexpr std::uint64_t kFirstListed = 63; // of a stored table
+constexpr std::uint64_t kFirstDcid = 64;    // names a container
+constexpr std::uint64_t kFirstListed = 63;  // of a stored table
 
 Piece Same(const Piece& piece, long start) {
   return From(piece, start);
@@ -164,8 +164,8 @@ Both<std::optional<Seen>> Model::FindCached(long offset) const {
 
 Both<long> Model::Size() const {
   constexpr std::size_t kSpecialItems = 4;
-  const std::size_t records = disk_.small.Records() + disk_.full.Records() +
-                              (disk_.tmp ? disk_.tmp->Records() : 0);
+  const std::size_t records =
+      disk_.small.Records() + disk_.full.Records() + (disk_.tmp ? disk_.tmp->Records() : 0);
   // A stored table counts the records of its databases, special items of all but one included.
   return {static_cast<long>(tree_.size()),
           static_cast<long>(records < kSpecialItems ? 0 : records - kSpecialItems)};

@@ -132,9 +132,8 @@ void Model::StoreOne(Database* target, long end, const Piece& piece) {
        at != target->extents.end() && at->second.start < end; ++at) {
     displaced.emplace_back(*at);
   }
-  Cut(&target->extents, piece.start, end, [](const Piece& cut, long start) {
-    return WithoutAttributes(FromStored(cut, start));
-  });
+  Cut(&target->extents, piece.start, end,
+      [](const Piece& cut, long start) { return WithoutAttributes(FromStored(cut, start)); });
   // The pieces are tracked under the object of what was stored: the host asks about that.
   for (const auto& [oldEnd, old] : displaced) {
     Journal(piece, end, false);

@@ -91,8 +91,8 @@ TEST_F(ModelTest, APieceThatIsCutLosesTwoAttributesInTheStoredTableOnly) {
   model_.Insert(Known(0, 10));
   model_.Insert(Known(4, 6));
   EXPECT_TRUE(SameId(Oid(70, 3), model_.Find(0).memory->piece.id));
-  EXPECT_TRUE(SameId(WithoutAttributes(model_.Find(0).memory->piece).id,
-                     model_.Find(0).stored->piece.id));
+  EXPECT_TRUE(
+      SameId(WithoutAttributes(model_.Find(0).memory->piece).id, model_.Find(0).stored->piece.id));
 }
 
 TEST_F(ModelTest, WhatWasNotFlushedIsGoneAfterALoadAndMemoryIsMadeAnew) {

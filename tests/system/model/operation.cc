@@ -140,9 +140,9 @@ std::ostream& operator<<(std::ostream& out, const Program& program) {
   out << "seed " << program.seed << ", type " << settings.type << ", prefetch " << settings.prefetch
       << " (span " << settings.prefetchSpan << "), bloom " << settings.bloom << ", offsets tracked "
       << settings.tracking << " (from " << settings.trackingThreshold << "), flush from "
-      << settings.batchThreshold << " keys and " << settings.readyThreshold << " nodes, merge above "
-      << settings.mergeEntries << " records or " << settings.mergeCommits << " commits in batches of "
-      << settings.mergeBatch << '\n';
+      << settings.batchThreshold << " keys and " << settings.readyThreshold
+      << " nodes, merge above " << settings.mergeEntries << " records or " << settings.mergeCommits
+      << " commits in batches of " << settings.mergeBatch << '\n';
   for (std::size_t i = 0; i < program.operations.size(); ++i) {
     out << "  " << i << ". " << program.operations[i] << '\n';
   }

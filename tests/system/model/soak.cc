@@ -35,6 +35,7 @@ class InterruptEndsTheRun {
     interrupted = 0;
     struct sigaction action {};
     action.sa_handler = Interrupt;
+    action.sa_flags = SA_RESTART;  // the calls of the tables go on
     for (std::size_t i = 0; i < kSignals; ++i) {
       ::sigaction(kWhich[i], &action, &before_[i]);
     }
@@ -88,6 +89,8 @@ class Soaking {
       }
       well = well && WIFEXITED(status) && WEXITSTATUS(status) == 0;
     }
+    told_ = -kSeldom;
+    Tell();
     if (isTerminal_) {
       out_ << '\n';
     }
@@ -98,6 +101,8 @@ class Soaking {
  private:
   static constexpr useconds_t kTick = 100'000;
   static constexpr std::uint64_t kStripesEvery = 8;  // programs
+  static constexpr double kOften = 0.5;              // seconds from one line to the next
+  static constexpr double kSeldom = 10;
 
   /// One process: takes the next program as long as there is one.
   void Work() {
@@ -133,9 +138,7 @@ class Soaking {
     return interrupted != 0 || shared_->stop ||
            (options_.minutes > 0 && Seconds() > options_.minutes * 60);
   }
-  double Seconds() const {
-    return std::chrono::duration<double>(Clock::now() - begun_).count();
-  }
+  double Seconds() const { return std::chrono::duration<double>(Clock::now() - begun_).count(); }
 
   void TellDifference(const Program& program, const std::string& difference) {
     std::ostringstream text;
@@ -153,19 +156,18 @@ class Soaking {
         },
         interrupted != 0 ? 0 : options_.tries);
     text.str("");
-    text << last << "\n" << shorter << "again: zefs-soak --seed " << program.seed
-         << " --programs 1 --length " << options_.length << '\n';
+    text << last << "\n"
+         << shorter << "again: zefs-soak --seed " << program.seed << " --programs 1 --length "
+         << options_.length << '\n';
     Write(text.str());
   }
 
   /// As one piece, beside what other processes write.
-  void Write(const std::string& text) {
-    out_ << text << std::flush;
-  }
+  void Write(const std::string& text) { out_ << text << std::flush; }
 
   void Tell() {
     const double now = Seconds();
-    const double interval = isTerminal_ ? 0.5 : 10;
+    const double interval = isTerminal_ ? kOften : kSeldom;
     if (now - told_ < interval) {
       return;
     }

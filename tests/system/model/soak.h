@@ -12,12 +12,12 @@
 namespace zefs::test {
 
 struct SoakOptions {
-  std::uint64_t seed = 1;       ///< of the first program; the next have the numbers behind it
-  std::uint64_t programs = 0;   ///< 0: as many as fit into the time
-  double minutes = 0;           ///< 0: no limit
-  unsigned int jobs = 1;        ///< processes at once
-  std::size_t length = 300;     ///< operations of a program
-  int tries = 2000;             ///< programs tried to make a failing one short
+  std::uint64_t seed = 1;      ///< of the first program; the next have the numbers behind it
+  std::uint64_t programs = 0;  ///< 0: as many as fit into the time
+  double minutes = 0;          ///< 0: no limit
+  unsigned int jobs = 1;       ///< processes at once
+  std::size_t length = 300;    ///< operations of a program
+  int tries = 2000;            ///< programs tried to make a failing one short
 };
 
 /// Runs programs until they or the time are over, one shows a difference, or the process is

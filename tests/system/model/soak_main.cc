@@ -1,7 +1,8 @@
-#include <CLI/CLI.hpp>
 #include <iostream>
 #include <random>
 #include <unistd.h>
+
+#include <CLI/CLI.hpp>
 
 #include "tests/support/in_memory.h"
 #include "tests/system/model/soak.h"
@@ -17,7 +18,8 @@ int main(int argc, char** argv) {
   auto* programs = app.add_option("--programs", options.programs, "how many");
   app.add_option("--minutes", options.minutes, "for how long, fractions too")->excludes(programs);
   app.add_option("--jobs", options.jobs, "processes at once")->check(CLI::Range(1, 1024));
-  app.add_option("--length", options.length, "operations of a program")->check(CLI::Range(1, 1000000));
+  app.add_option("--length", options.length, "operations of a program")
+      ->check(CLI::Range(1, 1000000));
   CLI11_PARSE(app, argc, argv);
   if (options.programs == 0 && options.minutes <= 0) {
     std::cerr << "zefs-soak: --programs or --minutes says how long\n";

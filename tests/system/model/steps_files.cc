@@ -97,10 +97,11 @@ void Steps::Snapshot() {
   small.doid = small.doid.value_or(Doid{});
   const auto copy = tables_->makers.stored(&tables_->cache, "PROVISION");
   Equal("load of a snapshot", 0, copy->load(to, false, ""));
-  Equal("file size of a snapshot",
-        std::max(full.fileSize.value_or(0), small.fileSize.value_or(0)), copy->getFileSize());
+  Equal("file size of a snapshot", std::max(full.fileSize.value_or(0), small.fileSize.value_or(0)),
+        copy->getFileSize());
   Equal("size of a snapshot",
-        std::max(static_cast<long>(full.Records() + small.Records()) - kSpecialItems, 0L), copy->size());
+        std::max(static_cast<long>(full.Records() + small.Records()) - kSpecialItems, 0L),
+        copy->size());
   auto at = copy->begin();
   for (const Seen& seen : AllOf({&small.extents, &full.extents})) {
     CheckSeen("extent of a snapshot", seen, copy.get(), at);

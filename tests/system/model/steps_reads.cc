@@ -60,14 +60,13 @@ void Steps::LookUp(const Operation& operation) {
   if (!live()) {
     return;
   }
-  const long offset =
-      operation.pick % 64 == 0 ? std::numeric_limits<long>::max() : operation.at;
+  const long offset = operation.pick % 64 == 0 ? std::numeric_limits<long>::max() : operation.at;
   const bool cached = operation.kind == Kind::kFindCached;
   const auto expected = cached ? model_.FindCached(offset) : model_.Find(offset);
   const auto ask = [&](CMappingTable* table, CMappingTable::SharedLock* lock) {
-    return cached ? table->lower_bound_in_cache(offset, lock)
-                  : operation.kind == Kind::kFind ? table->find(offset, lock)
-                                                  : table->lower_bound(offset, lock);
+    return cached                          ? table->lower_bound_in_cache(offset, lock)
+           : operation.kind == Kind::kFind ? table->find(offset, lock)
+                                           : table->lower_bound(offset, lock);
   };
   CMappingTable::SharedLock lock;
   CheckSeen("find in memory", expected.memory, tables_->memory.get(),

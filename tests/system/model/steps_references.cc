@@ -48,8 +48,7 @@ void Steps::SetObjectId(const Operation& operation) {
 }
 
 void Steps::ListIds(const Operation& operation) {
-  const auto start =
-      operation.pick % 3 == 0 ? 0UL : static_cast<unsigned long>(operation.at);
+  const auto start = operation.pick % 3 == 0 ? 0UL : static_cast<unsigned long>(operation.at);
   const auto end = operation.pick % 2 == 0
                        ? static_cast<unsigned long>(std::numeric_limits<long>::max())
                        : start + static_cast<unsigned long>(operation.length);

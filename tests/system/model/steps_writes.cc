@@ -55,8 +55,8 @@ class FailingMerge {
     if (fault == MergeFault::kSetup) {
       Faults::FailNth(Call::kMdbTxnCommit, 1, ENOSPC);
     } else {
-      Faults::FailNth(Call::kMdbPut,
-                      static_cast<int>(fault) - static_cast<int>(MergeFault::kSetup), ENOSPC);
+      Faults::FailNth(Call::kMdbPut, static_cast<int>(fault) - static_cast<int>(MergeFault::kSetup),
+                      ENOSPC);
     }
   }
 
@@ -98,10 +98,10 @@ void Steps::Insert(const Operation& operation) {
   }
   const Piece& piece = write.piece;
   for (CMappingTable* table : {tables_->memory.get(), tables_->stored.get()}) {
-    Equal("insert", 0,
-          table->insert(write.start, write.end, write.isKnown ? &piece.id : nullptr, piece.objOff,
-                        piece.checksum, tables_->cache.Pointer(piece.node), piece.dcOffset,
-                        nullptr));
+    Equal(
+        "insert", 0,
+        table->insert(write.start, write.end, write.isKnown ? &piece.id : nullptr, piece.objOff,
+                      piece.checksum, tables_->cache.Pointer(piece.node), piece.dcOffset, nullptr));
   }
 }
 
@@ -225,8 +225,9 @@ void Steps::Flush(const Operation& operation) {
     tables_->stored->checkAndBackfillObjectID(&released, force, "scope", "share", nullptr, &lock);
   } catch (const SysException& e) {
     refused = refuse;
-    Expect(refuse && std::string(e.what()) == "errno " + std::to_string(ModelCache::kRefusal) + "\n",
-           std::string("a flush throws ") + e.what());
+    Expect(
+        refuse && std::string(e.what()) == "errno " + std::to_string(ModelCache::kRefusal) + "\n",
+        std::string("a flush throws ") + e.what());
   }
   tables_->cache.Refuse(false);
   tables_->peer().WaitingForMerge();

@@ -34,8 +34,9 @@ class Stripe {
     for (std::size_t i = 0; i < writes; ++i) {
       Write write;
       write.from = below(kUnits);
-      write.to = write.from + 1 + below(i % 8 == 0 ? kUnits - write.from
-                                                   : std::min<std::size_t>(kUnits - write.from, 6));
+      write.to =
+          write.from + 1 +
+          below(i % 8 == 0 ? kUnits - write.from : std::min<std::size_t>(kUnits - write.from, 6));
       if (below(4) != 0) {
         write.node = std::make_unique<refhost::CacheNode>(nullptr);
       }
@@ -65,9 +66,9 @@ class Stripe {
     }
   }
 
-  std::atomic<std::size_t> begun{0};   ///< writes of the stored table
-  std::atomic<std::size_t> done{0};    ///< those that have returned
-  std::size_t inMemory = 0;            ///< writes of the table in memory, under the host's lock
+  std::atomic<std::size_t> begun{0};  ///< writes of the stored table
+  std::atomic<std::size_t> done{0};   ///< those that have returned
+  std::size_t inMemory = 0;           ///< writes of the table in memory, under the host's lock
 
  private:
   std::size_t number_;
@@ -110,7 +111,8 @@ class StripeState {
     Seen seen;
     const auto number = static_cast<std::size_t>(owner);
     seen.end = stripe_->begin() + static_cast<long>(unit) * Stripe::kUnit;
-    seen.piece = From(stripe_->PieceOf(number), stripe_->begin() + static_cast<long>(from) * Stripe::kUnit);
+    seen.piece =
+        From(stripe_->PieceOf(number), stripe_->begin() + static_cast<long>(from) * Stripe::kUnit);
     seen.layer = number;
     return seen;
   }

@@ -197,8 +197,8 @@ class StripesRun {
 
   bool Shows(const Stripe& stripe, const Seen& expected, const Aldenta::Qnd::Morene::Zefs::Ext& ext,
              bool mayBeUnknown) const {
-    const bool unknown = mayBeUnknown && ext.objectID.dcid == 0 &&
-                         stripe.write(expected.layer).node != nullptr;
+    const bool unknown =
+        mayBeUnknown && ext.objectID.dcid == 0 && stripe.write(expected.layer).node != nullptr;
     return ext.sOff == expected.piece.start && ext.eOff == expected.end &&
            ext.objOff == expected.piece.objOff &&
            (unknown || SameObject(ext.objectID, expected.piece.id));
@@ -207,7 +207,8 @@ class StripesRun {
   void LookUp(std::size_t number, long offset, StripeState* state, bool find) {
     const Stripe& stripe = *stripes_.at(number);
     const std::size_t before = stripe.done;
-    const auto found = find ? stored_->find(offset, nullptr) : stored_->lower_bound(offset, nullptr);
+    const auto found =
+        find ? stored_->find(offset, nullptr) : stored_->lower_bound(offset, nullptr);
     const std::size_t behind = stripe.begun;
     const bool none = found == stored_->end() || found->sOff >= stripe.end();
     Expect(AtSomeTime(state, before, behind,
@@ -294,7 +295,8 @@ class StripesRun {
     }
     // Any start but 0, which would merge.
     for (const auto& listed : stored_->GetObjectIdsAndOffsets(1, kStripes * Stripe::kBytes)) {
-      const Stripe& stripe = *stripes_.at(static_cast<std::size_t>(listed.startOffset / Stripe::kBytes));
+      const Stripe& stripe =
+          *stripes_.at(static_cast<std::size_t>(listed.startOffset / Stripe::kBytes));
       Expect(listed.startOffset < listed.endOffset && listed.endOffset <= stripe.end(),
              "an extent listed across stripes");
     }

@@ -45,7 +45,8 @@ TEST(StripeStateTest, ALookUpGivesTheWholeRunOfAWrite) {
   EXPECT_EQ(stripe.EndOf(0), first->end);
   state.AdvanceTo(40);
   long offset = stripe.begin();
-  for (auto seen = state.LookUp(offset); seen && offset < stripe.end(); seen = state.LookUp(offset)) {
+  for (auto seen = state.LookUp(offset); seen && offset < stripe.end();
+       seen = state.LookUp(offset)) {
     EXPECT_LE(offset, seen->piece.start);
     EXPECT_EQ(stripe.PieceOf(seen->layer).objOff - stripe.PieceOf(seen->layer).start,
               seen->piece.objOff - seen->piece.start);
