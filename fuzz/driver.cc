@@ -131,6 +131,8 @@ int Run(const fs::path& directory, std::uint64_t mutations, std::uint64_t seed) 
     LLVMFuzzerTestOneInput(input.data(), input.size());
   }
   fs::remove(last);
+  std::printf("figure %llu fuzz executions\n",
+              static_cast<unsigned long long>(corpus.size() + mutations));
   return 0;
 }
 

@@ -151,6 +151,8 @@ std::string CMappingLMDB::LMDBErrorMessage(int code) {
   return text;
 }
 
+void CMappingLMDB::TraceLog(const char* /*format*/, ...) {}
+
 bool CMappingLMDB::CountRecords(const LMDBContext& db, unsigned int flags, unsigned long* entries) {
   const Transaction transaction(db, flags, path_);
   MDB_stat stat;

@@ -3,6 +3,7 @@
 #include "host/config.h"
 #include "host/zefs_log.h"
 #include "persistent/mapping_lmdb.h"
+#include "persistent/printed.h"
 #include "support/measure_cpu.h"
 
 // Where every write stops first: the cached extents, the nodes behind them, and the keys that are
@@ -11,14 +12,6 @@
 namespace Aldenta::Qnd::Morene::Zefs {
 
 using zefs::kLogTrace;
-
-namespace {
-
-long long Printed(std::int64_t offset) {
-  return static_cast<long long>(offset);
-}
-
-}  // namespace
 
 int CMappingLMDB::insert(long sOff, long eOff, const ObjectID* oid, long objOff, long /*objCksum*/,
                          void* data, int dcOffset, FILE* /*trace*/) {
@@ -139,17 +132,17 @@ CMappingLMDB::ExtentCache::iterator CMappingLMDB::CutCached(ExtentCache::iterato
   if (hasNode) {
     ZEFS_LOG(kLogTrace, "remap data pointer for entry %lld to entry %lld", Printed(key),
              Printed(sOff));
-    extDataPointers_[sOff] = node;
     if (tailSurvives) {
-      std::set<long>& keys = sharedDataPointers_[node];
+      std::set<long>& keys = shared ? share->second : sharedDataPointers_[node];
       keys.insert(sOff);
       keys.insert(key);
     } else {
-      extDataPointers_.erase(key);
+      extDataPointers_.erase(pointer);
       if (shared) {
         share->second.insert(sOff);
       }
     }
+    extDataPointers_[sOff] = node;
   }
   return next;
 }

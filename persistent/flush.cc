@@ -8,6 +8,7 @@
 #include "host/zefs_log.h"
 #include "persistent/mapping_lmdb.h"
 #include "persistent/merge_policy.h"
+#include "persistent/printed.h"
 #include "persistent/transaction.h"
 #include "support/measure_cpu.h"
 #include "table/fingerprint.h"
@@ -29,10 +30,6 @@ constexpr std::uint64_t kFirstValidDcid = 63;
 
 /// What a set of keys takes for each of them, bucket and element.
 constexpr std::size_t kSeenBytes = 32;
-
-long long Printed(std::int64_t offset) {
-  return static_cast<long long>(offset);
-}
 
 template <typename T>
 T Setting(T FileSystemDaemonConfig::*field) {
@@ -173,7 +170,7 @@ void CMappingLMDB::CollectReadyExtents(ReadyExtents* ids, std::set<void*>* relea
       ObjectIDAndDCOff value;
       if (dci_->GetNodeObjectID(node, &value.objectID, true) == 0) {
         value.dcOffset = static_cast<const zefs::DataCacheNode*>(node)->dcOffset;
-        (*ids)[key] = value;
+        ids->insert_or_assign(ids->end(), key, value);
         released->insert(node);
         extDataPointers_.erase(pointer);
         CollectSharers(node, value, ids);
@@ -192,7 +189,8 @@ void CMappingLMDB::CollectKnownExtent(long key, ReadyExtents* ids) {
   if (cached == extCache_.end() || cached->second.dcid < kFirstValidDcid) {
     return;
   }
-  (*ids)[key] = {cached->second.GetObjectID(), cached->second.dcOffset};
+  ids->insert_or_assign(ids->end(), key,
+                        ObjectIDAndDCOff{cached->second.GetObjectID(), cached->second.dcOffset});
   ZEFS_LOG(kLogTrace, "this key has already a valid oid, key %lld, dcid is %lld", Printed(key),
            static_cast<long long>(cached->second.dcid));
 }
@@ -205,7 +203,7 @@ void CMappingLMDB::CollectSharers(void* node, const ObjectIDAndDCOff& value, Rea
   for (const long key : share->second) {
     const auto pointer = extDataPointers_.find(key);
     if (pointer != extDataPointers_.end() && pointer->second == node) {
-      (*ids)[key] = value;
+      ids->insert_or_assign(ids->end(), key, value);
       extDataPointers_.erase(pointer);
       ZEFS_LOG(kLogTrace, "find key %lld sharing data point %p, process it", Printed(key), node);
     }
@@ -325,9 +323,7 @@ bool CMappingLMDB::PutSpecialItems(const Transaction& transaction, long maxEnd) 
       return false;
     }
   }
-  if (!dataChanged_) {
-    dataChanged_ = true;
-    MakeEmptyDOID(&doid_);
+  if (NoteFirstChange()) {
     const int ret = transaction.Put(SPECIAL_KEY_DOID, SpecialValue::OfObjectID(doid_));
     ZEFS_LOG(kLogTrace, "update do id fp %s, dcid %ld, ret:%d", TextOf(doid_.fp).data(),
              static_cast<long>(doid_.dcid), ret);

@@ -26,7 +26,8 @@ class CMappingLMDB::iteratorimp final : public CMappingTable::iteratorbase {
   iteratorbase& operator--() override;
   /// The next extent behind the current one; from the last one to the end, which keeps showing the
   /// last extent; from the end to the first. Takes no rwLock_: the caller holds it if the cache can
-  /// change.
+  /// change. Takes prefetchLock_ and tableLock_, both shared, and throws as a look-up does; the
+  /// iterator is then as it was.
   iteratorbase& operator++() override;
   /// Of the same table and with the same end offset.
   bool operator==(const iteratorbase& other) const override;

@@ -47,7 +47,11 @@ inline constexpr char ZEFS_PROVISION_STR[] = "PROVISION";
 /// live table must not fork and go on using it in the child.
 ///
 /// Where operations return an int, it is 0 or a code handed on from LMDB or a system call; where
-/// they throw, SysException with such a code. Every failure is logged.
+/// they throw, SysException with such a code, and, those that work on files, also
+/// boost::filesystem::filesystem_error. Failures are logged, but for the few that say otherwise.
+///
+/// Every operation that reads the databases throws SysException if it cannot begin its transaction
+/// or open its cursor: with LMDB's code, or 0 for a database that is closed.
 ///
 /// Locks, in the order in which they are taken:
 ///  1. rwLock_: the extent cache. Exclusive for insert and for a flush, shared for look-ups.
@@ -96,8 +100,11 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
 
   /// Maps [sOff, eOff) to an object, in memory only. `objCksum` and `trace` play no part. `data`,
   /// if not null, is the node that is asked for the object id until a flush has got it; one node
-  /// belongs to one write. A range without bytes changes nothing. Returns 0. Takes rwLock_
-  /// exclusively, and prefetchLock_ inside it.
+  /// belongs to one write. `dcOffset` is the place of the range in its container, in bytes from 0,
+  /// or -1 wanted, -2 given up, -3 never tracked (sidefiles/dc_offset_store.h). Of `objOff` the low
+  /// 32 bits are kept, as a signed number: an object offset is below 2 GiB. Pieces that later
+  /// writes leave of this one lose its attribute byte and flag. A range without bytes changes
+  /// nothing. Returns 0. Takes rwLock_ exclusively, and prefetchLock_ inside it.
   ///
   /// A prefetched run is dropped if the write covers its first start or reaches its end; after a
   /// write strictly inside the run, look-ups go on showing what was prefetched.
@@ -133,7 +140,7 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// The larger of the stored file size and the end of what was written since. Takes no lock.
   long getFileSize() override;
 
-  /// lower_bound(0, nullptr).
+  /// lower_bound(0, nullptr), with its locks and failures.
   iterator begin() override;
 
   /// The position behind the last extent. All of a table are equal. Takes no lock.
@@ -153,13 +160,16 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// The first extent whose end lies above `offset`, as far as it is visible: the one that holds
   /// `offset`, or else the next behind the hole, or end(). The largest `long` finds nothing.
   ///
-  /// Takes rwLock_ shared. If the extent has a node and `lock` is not null, that lock is moved into
+  /// Takes rwLock_ shared, and inside it for moments prefetchLock_ and then tableLock_, both
+  /// shared. Throws SysException as the class says, and with LMDB's code for a read that fails;
+  /// `*lock` is then as it was. If the extent has a node and `lock` is not null, that lock is moved
+  /// into
   /// `*lock`: the node stays valid until the caller releases it. A `*lock` that owns rwLock_
   /// already would wait for itself as soon as a writer waits: release it before the next call, or
   /// step with operator++, which takes no rwLock_. The same holds for ExtLMDB::update under it.
   iterator lower_bound(long offset, SharedLock* lock) override;
 
-  /// As lower_bound over the extent cache alone, nothing clipped.
+  /// As lower_bound over the extent cache alone, nothing clipped. Takes rwLock_ only; fails never.
   iterator lower_bound_in_cache(long offset, SharedLock* lock) override;
 
   /// Opens the table in the directory `extentPath`, which is made if it is missing; a file in its
@@ -205,7 +215,11 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// if a database refused them, and nothing is changed there; LMDB's code of a failed commit,
   /// which loses them. Also throws, after a commit that stands, if the records cannot be counted
   /// (-1, or LMDB's code) or there can be no merge thread. The host takes each of these for a
-  /// failed write.
+  /// failed write. -1 also stands for a journal or an offset store that could not be written.
+  ///
+  /// With `force`, a journal whose files cannot be looked at passes filesystem_error through, after
+  /// the commit: what was flushed stands, the offset store is not written, and `*lock` is not
+  /// handed over although `*released` is filled.
   void checkAndBackfillObjectID(std::set<void*>* released, bool force,
                                 const std::string& shareScope, const std::string& share,
                                 zefs::DataTransferManagement* transfer, UniqueLock* lock) override;
@@ -256,14 +270,16 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
 
   /// Adds the bytes of all stored extents to `*dcids` by container, one that has newer data under
   /// its key not counted, and appends the fingerprints of all of them, replaced ones included. What
-  /// is in the cache only is not seen. Returns 0. Holds tableLock_ shared.
+  /// is in the cache only is not seen. Returns 0. Throws SysException as the class says; both then
+  /// hold what the databases before have added. Holds tableLock_ shared.
   int GetDCIDAndFPs(std::unordered_map<unsigned long, unsigned long>* dcids,
                     std::vector<crfp_digest_t>* fps) override;
 
   /// Replaces both by what the stored extents reference: pairs of container and bytes, and a filter
   /// of the fingerprints. Takes the full database's part from the bloom file of the last merge if
   /// that is sound, so extents replaced since then may still be counted. Clears what IsDataChanged
-  /// reports. Holds tableLock_ shared.
+  /// reports. Throws SysException as the class says: the outputs are then as far as they got, and
+  /// what IsDataChanged reports stays. Holds tableLock_ shared.
   void GetDCIDAndBloomFilter(std::vector<std::pair<unsigned long, unsigned long>>* dcids,
                              std::unique_ptr<BloomFilter>* filter) override;
 
@@ -290,7 +306,8 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// keeps the extents for look-ups if `prefetchEnabled` says so. Extents without a container are
   /// not listed. An extent that begins before the range is listed whole, and one behind it may be,
   /// marked by `inRange`. A container of an earlier call gets a new entry. An empty range changes
-  /// nothing.
+  /// nothing. An extent that only the last byte of the range lies in is left out, unless it is the
+  /// first: a host that reads up to there asks for one byte more.
   ///
   /// Throws SysException if a transaction cannot be begun; nothing is changed then. A failing read
   /// leaves out its database and those older than it, for that step, so the plan may lack extents;
@@ -302,13 +319,14 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// results these are. -1 if `out` is null. Holds rwLock_ shared.
   int GetEmptyDcOffsetList(std::vector<zefs::DCOffset>* out) override;
 
-  /// Takes that list back, with what the host has found: an extent that still stands there with the
-  /// same container and fingerprint goes back into the cache with the offset, and the next flush
-  /// stores it. What is still open is kept for the next list. Drops all prefetched extents, while
-  /// `prefetchEnabled` is set. Returns
-  /// 0, or the code of what failed; throws as a look-up does, or filesystem_error if the list that
-  /// was out cannot be removed. The host may then hand it back again. An answer lasts from the
-  /// flush on. Holds rwLock_ exclusively while it changes extents.
+  /// Takes that list back, with what the host has found: the extent that a look-up of its start
+  /// finds, which may be the next one behind a hole, goes back into the cache with the offset if it
+  /// has the same container and fingerprint, and the next flush stores it. Of one that is partly
+  /// covered by newer data only the visible piece goes back. What is still open is kept for the
+  /// next list. Drops all prefetched extents, while `prefetchEnabled` is set. Returns 0, or the
+  /// code of what failed; throws as a look-up does, or filesystem_error if the list that was out
+  /// cannot be removed. The host may then hand it back again. An answer lasts from the flush on.
+  /// Holds rwLock_ exclusively while it changes extents.
   int BackfillDcOffset(std::vector<zefs::DCOffset>& offsets) override;
 
   /// Asks for a fresh container offset of the extent that starts at `key`. Returns 0 or the code of
@@ -323,8 +341,10 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   virtual void GetExtentData(std::set<void*>* released);
 
   /// Stores the format version. Returns 0, or LMDB's code of a failed put or commit, after which
-  /// the version is as before. Takes tableLock_ shared.
+  /// the version is as before; a failed commit is not logged. Throws if no transaction can be
+  /// begun. Takes tableLock_ shared.
   virtual int setExtMapVersion(ExtMapVersion version);
+  /// The version as last loaded, stored or set by a merge. Takes no lock.
   virtual ExtMapVersion getExtMapVersion() const;
 
   /// Sets `*out` to the directory of the table whose full database is `path`. -1, and `*out` as it
@@ -339,6 +359,9 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
 
   /// The words for an LMDB or system code, which also go to standard output.
   static std::string LMDBErrorMessage(int code);
+
+  /// Accepts what printf does, and does nothing with it.
+  static void TraceLog(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
  private:
   friend class ExtLMDB;
@@ -368,7 +391,7 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// empties the table's object id, in the small database too if `persist`, for which it takes
   /// tableLock_ shared. 0.
   int ResetDOID(bool persist);
-  /// The same, stored, for a caller that has the table to itself. Takes no lock.
+  /// The same, stored, for a caller that has the table to itself or holds tableLock_ shared.
   void ForgetDOIDUnlocked();
   /// What both do in memory. False if the table has changed before.
   bool NoteFirstChange();

@@ -6,6 +6,7 @@
 #include "host/zefs_log.h"
 #include "persistent/mapping_lmdb.h"
 #include "persistent/merge_walk.h"
+#include "persistent/printed.h"
 #include "persistent/transaction.h"
 #include "sidefiles/bloom_persist.h"
 
@@ -21,10 +22,6 @@ using zefs::kLogTrace;
 namespace {
 
 constexpr double kFalsePositiveRate = 0.02;
-
-long long Printed(std::int64_t offset) {
-  return static_cast<long long>(offset);
-}
 
 /// One of the two databases that are merged, from its first extent on.
 class MergeSource {
@@ -43,7 +40,6 @@ class MergeSource {
   int result() const { return ret_; }
   const MergeRecord& record() const { return record_; }
   const ExtLMDBEntry& entry() const { return entry_; }
-  MDB_val key() const { return key_; }
   MDB_val value() const { return value_; }
 
  private:

@@ -54,7 +54,7 @@ void MergePrefetched(PrefetchRun fetched, std::uint32_t span, PrefetchRun* run) 
     }
     second = &fetched;
   } else {
-    merged = fetched;
+    merged = std::move(fetched);
     second = run;
   }
   const std::int64_t lastStart = merged.back().sOff;

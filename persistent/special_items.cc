@@ -2,6 +2,7 @@
 
 #include "host/zefs_log.h"
 #include "persistent/mapping_lmdb.h"
+#include "persistent/printed.h"
 #include "persistent/transaction.h"
 #include "table/fingerprint.h"
 
@@ -16,10 +17,6 @@ using zefs::kLogStep;
 using zefs::kLogTrace;
 
 constexpr std::uint64_t kLastUnsetDoidDcid = 64;  ///< a table's object id starts above this
-
-long long Printed(std::int64_t number) {
-  return static_cast<long long>(number);
-}
 
 /// "update do id" and its failures print the container under %ld.
 long PrintedDcid(const ObjectID& id) {
@@ -105,11 +102,7 @@ int CMappingLMDB::CheckAndLoadSpecialItems(LMDBContext* db, long size) {
 int CMappingLMDB::setFileSize(long size) {
   // A merge's switch would otherwise close the databases under the transactions below.
   const SharedLock lock(tableLock_);
-  if (!dataChanged_) {
-    dataChanged_ = true;
-    MakeEmptyDOID(&doid_);
-    SetDOIDUnlocked(&smallDb_, &doid_);
-  }
+  ForgetDOIDUnlocked();
   if (size <= committedFileSize_) {
     ZEFS_LOG(kLogTrace, "CMappingLMDB::setFileSize(), fileSize=%lld not updated to %lld",
              Printed(fileSize_), Printed(size));

@@ -5,6 +5,7 @@
 
 #include "host/zefs_log.h"
 #include "persistent/mapping_lmdb.h"
+#include "persistent/printed.h"
 #include "persistent/transaction.h"
 #include "support/measure_cpu.h"
 
@@ -18,10 +19,6 @@ using zefs::kLogStep;
 using zefs::kLogTrace;
 
 namespace {
-
-long long Printed(std::int64_t number) {
-  return static_cast<long long>(number);
-}
 
 void LogFailedRead(int ret) {
   ZEFS_LOG(kLogFailure, "Failed to read for a cursor, return value is %d", ret);
@@ -74,15 +71,14 @@ int DeleteBehind(Transaction* transaction, long size) {
 /// Puts the record under the cursor, whose value is `stored`, under the key `size`. 0, -1 or LMDB's
 /// code; the transaction is aborted unless it is 0.
 int CutLast(Transaction* transaction, const LMDBContext& db, const MDB_val& stored, long size) {
-  ExtLMDBEntry entry = ReadRecord(stored);  // a copy: the value goes with the record
-  entry.attrByte = 0;
-  entry.attrFlag = 0;
+  const ExtLMDBEntry record = ReadRecord(stored);  // a copy: the value goes with the record
   if (DeleteCurrent(transaction) != 0) {
     return -1;
   }
   RecordKey key(size);
   MDB_val keyVal = key.Val();
-  MDB_val value = RecordVal(entry);
+  ExtLMDBEntry front = PieceFrom(record, record.startOffset);
+  MDB_val value = RecordVal(front);
   const int ret = mdb_put(transaction->txn(), db.dbi, &keyVal, &value, 0);
   if (ret != 0) {
     transaction->Abort();
@@ -145,11 +141,9 @@ int CMappingLMDB::truncateCache(long size) {
   }
   const auto last = std::prev(extCache_.end());  // it spans the new size
   const long end = last->first;
-  ExtLMDBEntry entry = last->second;
-  entry.attrByte = 0;
-  entry.attrFlag = 0;
+  const ExtLMDBEntry front = PieceFrom(last->second, last->second.startOffset);
   extCache_.erase(last);
-  extCache_[size] = entry;
+  extCache_[size] = front;
   PushPending(size);
   ZEFS_LOG(kLogTrace, "modify cache extent endOff=%lld to new endOff=%lld", Printed(end),
            Printed(size));

@@ -30,7 +30,8 @@ class ZEFS_EXTMAP_API filesystem {
   virtual bool check_and_create_directories(const boost::filesystem::path& p,
                                             boost::filesystem::perms perms) const;
 
-  /// The same; failures that concern `p` itself go to `ec`, those of its parents are thrown.
+  /// The same; failures that concern `p` itself go to `ec`, which holds that of the last step,
+  /// those of its parents are thrown.
   virtual bool check_and_create_directories(const boost::filesystem::path& p,
                                             boost::filesystem::perms perms,
                                             boost::system::error_code& ec) const;

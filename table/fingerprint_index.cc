@@ -86,10 +86,17 @@ void FingerprintIndex::Grow() {
   }
 }
 
-void FingerprintIndex::Erase(const crfp_digest_t& fp) {
-  std::size_t hole = Locate(fp);
-  if (hole == slots_.size()) {
+void FingerprintIndex::Erase(const crfp_digest_t& fp, Entry entry) {
+  if (slots_.empty()) {
     return;
+  }
+  const std::uint64_t hash = HashOf(fp);
+  std::size_t hole = Home(hash);
+  while (slots_[hole].hash != hash || slots_[hole].entry != entry) {
+    if (slots_[hole].hash == 0) {
+      return;
+    }
+    hole = Next(hole);
   }
   // Whatever the probing would now miss moves into the hole.
   for (std::size_t at = Next(hole); slots_[at].hash != 0; at = Next(at)) {

@@ -34,8 +34,8 @@ class FingerprintIndex {
   /// Adds the entry of `fp`, which is not in here.
   void Insert(const crfp_digest_t& fp, Entry entry);
 
-  /// Takes out the entry of `fp`, if it is in here.
-  void Erase(const crfp_digest_t& fp);
+  /// Takes out `entry`, that of `fp`, if it is in here.
+  void Erase(const crfp_digest_t& fp, Entry entry);
 
   /// Takes all entries out.
   void Clear() { *this = FingerprintIndex(); }

@@ -124,8 +124,9 @@ class ZEFS_EXTMAP_API CMappingTable {
                      void* data, int dcOffset, FILE* trace);
 
   /// Adds an extent behind all others. For extents that arrive in rising order with nothing to
-  /// overlap: nothing is tested, and an extent out of order leaves the tree unsorted. Arguments and
-  /// result as in insert. Takes tableLock_ exclusively.
+  /// overlap: nothing is tested. An extent out of order leaves the tree unsorted, and one without
+  /// bytes is stored and counted. Arguments and result otherwise as in insert. Takes tableLock_
+  /// exclusively.
   virtual int append(long sOff, long eOff, const ObjectID* oid, long objOff, long objCksum,
                      void* data, FILE* trace);
 

@@ -15,7 +15,7 @@ class CMappingTable;
 /// A new persistent table, owned by the caller, that still has to be loaded.
 CMappingTable* NewPersistentTable(zefs::DataCacheManagementInterface* dci, std::string tableType);
 
-/// Where a persistent table lies, and which indices its directory holds.
+/// CMappingLMDB::GetMapAbsolutePath and GetMapIndexSet, with their results and failures.
 int PersistentMapAbsolutePath(const std::string& path, std::string* out);
 int PersistentMapIndexSet(const std::string& path, std::set<std::string>* out);
 

@@ -86,7 +86,7 @@ void ReferenceChange::Delete(unsigned long dcid, const FingerprintText& fp, unsi
   if (entry->second == 0) {
     crfp_digest_t digest{};
     CRFPStringToDigest_r(fp.data(), kCrfpDigestKind, digest.data());
-    index_.Erase(digest);
+    index_.Erase(digest, entry);
     byFp_.erase(entry);
   }
 }
@@ -171,7 +171,7 @@ void ReferenceChange::ForgetDcids() {
 void ReferenceChange::ForgetFps() {
   for (std::size_t i = 0; i < fpCount_; ++i) {
     if (fps_[i].entry->second == 0) {
-      index_.Erase(fps_[i].fp);
+      index_.Erase(fps_[i].fp, fps_[i].entry);
       byFp_.erase(fps_[i].entry);
     }
   }

@@ -47,8 +47,7 @@ class ZEFS_EXTMAP_API CMapNode {
                         std::vector<CMapNode*>* out) = 0;
 
   /// The leaf and index of the first extent that ends above `offset`, in the reader's view; null,
-  /// with
-  /// `*index` untouched, if there is none.
+  /// with `*index` untouched, if there is none.
   virtual CMapNode* lower_bound(long offset, int* index) = 0;
 
   virtual bool isKeyNode() = 0;

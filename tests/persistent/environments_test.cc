@@ -381,6 +381,14 @@ TEST(LmdbErrorMessage, SevenCodesHaveWordsOfTheirOwnAndTheOthersThoseOfTheSystem
   EXPECT_EQ(7U, MappingLMDBTestPeer::mdb_errno_to_string().size());
 }
 
+// --- TraceLog ------------------------------------------------------------------------------------
+
+TEST_F(EnvironmentsTest, TraceLogSaysNothing) {
+  const auto before = Lines();
+  CMappingLMDB::TraceLog("%s %d", "text", 1);
+  EXPECT_EQ(before, Lines());
+}
+
 // --- DbSizeUnlocked ------------------------------------------------------------------------------
 
 class DbSizeTest : public EnvironmentsTest {

@@ -15,7 +15,6 @@
 namespace {
 
 using namespace Aldenta::Qnd::Morene::Zefs;
-using zefs::test::CodeOf;
 using zefs::test::SlotOf;
 
 class MappingLMDBInterfaceTest : public zefs::test::PersistentTableTest {

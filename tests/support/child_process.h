@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <functional>
@@ -9,6 +10,8 @@
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+
+#include "tests/support/figures.h"
 
 namespace zefs::test {
 
@@ -19,6 +22,13 @@ inline bool EndedWell(int status) {
 
 inline bool DiedBy(int status, int signal) {
   return WIFSIGNALED(status) && WTERMSIG(status) == signal;
+}
+
+/// Counts a child process that was killed on its way among the figures.
+inline void CountIfKilled(int status) {
+  if (DiedBy(status, SIGKILL)) {
+    CountFigure("processes killed at a chosen call");
+  }
 }
 
 /// What a child process does: lives, tells on stderr which checks of the running test failed in it
@@ -70,6 +80,7 @@ inline int RunInChild(const std::function<void()>& life) {
       throw std::runtime_error("cannot wait for a child process");
     }
   }
+  CountIfKilled(status);
   return status;
 }
 

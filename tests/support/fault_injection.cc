@@ -19,6 +19,8 @@
 #include <sys/stat.h>
 #include <sys/uio.h>
 
+#include "tests/support/figures.h"
+
 namespace zefs::test {
 namespace {
 
@@ -261,6 +263,7 @@ int Faults::UntilNoneFires(const std::function<void(int nth)>& run) {
     if (!Fired()) {
       return nth - 1;
     }
+    CountFigure("faults injected");
   }
   throw std::runtime_error("a fault fires in every run");
 }

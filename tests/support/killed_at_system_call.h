@@ -46,7 +46,9 @@ class KilledAtSystemCall {
       ::raise(SIGSTOP);
       LiveAndExit([&life] { life([] { ::raise(SIGSTOP); }); });
     }
-    return KilledAtSystemCall(child, nth).Trace();
+    const int status = KilledAtSystemCall(child, nth).Trace();
+    CountIfKilled(status);
+    return status;
   }
 
   /// The call to be killed at after the `nth`: the next, if ZEFS_TEST_EVERY_CALL is set, else one

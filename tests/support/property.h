@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/figures.h"
+
 namespace zefs::test {
 
 /// The seed of random tests; ZEFS_TEST_SEED sets another.
@@ -29,6 +31,7 @@ void ExpectToHold(const std::string& description, int cases, const Property& pro
   const auto result = rc::detail::checkTestable(property, metadata, params);
   std::ostringstream message;
   rc::detail::printResultMessage(result, message);
+  TellFigure("random cases of properties", cases);
   std::cout << "ZEFS_TEST_SEED=" << params.seed << '\n';
   EXPECT_TRUE(result.template is<rc::detail::SuccessResult>()) << message.str();
 }

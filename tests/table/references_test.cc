@@ -280,8 +280,9 @@ TEST(FingerprintIndexTest, FindsWhatWasInsertedAndNothingElse) {
   for (int step = 0; step < 5000; ++step) {
     const std::size_t i = random() % digests.size();
     if (inside[i]) {
-      index.Erase(digests[i]);
-      entries.erase(TextOf(digests[i]));
+      const auto entry = entries.find(TextOf(digests[i]));
+      index.Erase(digests[i], entry);
+      entries.erase(entry);
     } else {
       index.Insert(digests[i], entries.emplace(TextOf(digests[i]), i).first);
     }
@@ -295,7 +296,7 @@ TEST(FingerprintIndexTest, FindsWhatWasInsertedAndNothingElse) {
   }
   for (std::size_t i = 0; i < digests.size(); ++i) {
     EXPECT_EQ(inside[i], index.Find(digests[i]) != nullptr);
-    index.Erase(digests[i]);
+    index.Erase(digests[i], entries.find(TextOf(digests[i])));
     EXPECT_EQ(nullptr, index.Find(digests[i]));
   }
 }
