@@ -27,6 +27,7 @@ TEST(LivesPropertyTest, BothTablesAnswerAsTheModelThroughAllLivesOfEveryProgram)
   EXPECT_GT(tally->crashes.load(), kPrograms / 2);
   EXPECT_GT(tally->merges.load(), kPrograms);
   EXPECT_GT(tally->reloads.load(), kPrograms);
+  EXPECT_GT(tally->leftBehind.load(), kPrograms / 8);
   for (std::size_t kind = 0; kind < kKinds; ++kind) {
     EXPECT_GT(tally->byKind.at(kind).load(), 0U) << NameOf(static_cast<Kind>(kind));
   }

@@ -35,6 +35,7 @@ struct WriteOf {
 enum class MergeFault {
   kNone,
   kSetup,  ///< as its database is opened
+  kWalk,   ///< at its first extent, if there is one
   kSize,   ///< as one of its special items is stored
   kCounter,
   kDoid,

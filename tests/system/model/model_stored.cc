@@ -230,6 +230,12 @@ void Model::Merge(MergeFault fault) {
     Cut(&united, piece.start, end, FromStored);
     united[end] = piece;
   }
+  if (fault == MergeFault::kWalk) {
+    if (!united.empty()) {
+      return;
+    }
+    fault = MergeFault::kNone;
+  }
   const long lastEnd = united.empty() ? 0 : united.rbegin()->first;
   if (committedSize_ < lastEnd) {
     fileSize_ = committedSize_ = lastEnd;

@@ -28,7 +28,8 @@ struct Tally {
   std::atomic<std::uint64_t> merges{0};
   std::atomic<std::uint64_t> reloads{0};
   std::atomic<std::uint64_t> crashes{0};
-  std::atomic<std::uint64_t> readings{0};  ///< look-ups beside writers
+  std::atomic<std::uint64_t> leftBehind{0};  ///< truncates that a tmp database has survived
+  std::atomic<std::uint64_t> readings{0};    ///< look-ups beside writers
   std::atomic<std::uint64_t> differences{0};
   std::array<std::atomic<std::uint64_t>, kKinds> byKind{};
 };

@@ -39,7 +39,7 @@ std::int32_t AnyDcOffset(std::uint32_t pick) {
 }
 
 MergeFault AnyFault(std::uint32_t pick) {
-  constexpr std::uint32_t kFaults = 5;
+  constexpr std::uint32_t kFaults = 6;
   return static_cast<MergeFault>(1 + pick % kFaults);
 }
 
@@ -146,6 +146,10 @@ void Steps::Update(const Operation& operation) {
 }
 
 void Steps::Truncate(long size) {
+  const auto& tmp = model_.disk().tmp;
+  if (live() && tmp && !tmp->extents.empty() && tmp->extents.rbegin()->first > size) {
+    tally_.leftBehind += 1;
+  }
   model_.Truncate(size);
   if (live()) {
     Equal("truncate", 0, tables_->memory->truncate(size, nullptr));
