@@ -88,7 +88,9 @@ TEST(FaultyTableTest, OneThatForgetsADatabaseIsFoundInFewOperations) {
 }
 
 TEST(FaultyTableTest, OneThatDropsAWriteInFortyIsFound) {
-  EXPECT_GE(OperationsThatFind(WithFaultyStored<StoredThatDropsWrites>()), 40U);
+  const SharedWithChildren<Tally> tally;
+  const TableMakers makers = WithFaultyStored<StoredThatDropsWrites>();
+  EXPECT_NE(std::nullopt, RunProgram(AnyProgram(1), makers, &*tally));
 }
 
 }  // namespace

@@ -54,8 +54,10 @@ class FailingMerge {
     Faults::OnlyDatabase("mergedb");
     if (fault == MergeFault::kSetup) {
       Faults::FailNth(Call::kMdbTxnCommit, 1, ENOSPC);
+    } else if (fault == MergeFault::kWalk) {
+      Faults::FailNth(Call::kMdbCursorPut, 1, ENOSPC);
     } else {
-      Faults::FailNth(Call::kMdbPut, static_cast<int>(fault) - static_cast<int>(MergeFault::kSetup),
+      Faults::FailNth(Call::kMdbPut, static_cast<int>(fault) - static_cast<int>(MergeFault::kWalk),
                       ENOSPC);
     }
   }
