@@ -66,6 +66,21 @@ constexpr std::array<KindOf, kKinds> kTable = {{
     {Kind::kCrash, "crash within", 8},
 }};
 
+// By chance alone a tmp database that holds something is rare: merges fail in a row, and what comes
+// then goes over it.
+constexpr std::array<Kind, 11> kOverTmp = {Kind::kFailedMerge,
+                                           Kind::kInsertKnown,
+                                           Kind::kInsertKnown,
+                                           Kind::kFlushOverFailed,
+                                           Kind::kFlushOverFailed,
+                                           Kind::kInsertKnown,
+                                           Kind::kFlushOverFailed,
+                                           Kind::kWalk,
+                                           Kind::kPlan,
+                                           Kind::kFilter,
+                                           Kind::kTruncate};
+constexpr std::uint64_t kBurstOneIn = 50;
+
 const std::vector<double>& Weights() {
   static const std::vector<double> weights = [] {
     std::vector<double> all;
@@ -157,12 +172,21 @@ Program AnyProgram(std::uint64_t seed, std::size_t length) {
   Places places(&random);
   std::discrete_distribution<std::size_t> kinds(Weights().begin(), Weights().end());
   program.operations.reserve(length);
+  std::size_t inBurst = kOverTmp.size();
   for (std::size_t i = 0; i < length; ++i) {
+    if (inBurst == kOverTmp.size() && random() % kBurstOneIn == 0) {
+      inBurst = 0;
+    }
     Operation operation;
     operation.kind = kTable.at(kinds(random)).kind;
     operation.at = places.At();
     operation.length = places.Length();
     operation.pick = static_cast<std::uint32_t>(random());
+    if (inBurst < kOverTmp.size()) {
+      operation.kind = kOverTmp.at(inBurst);
+      operation.pick |= kForcedBit;
+      inBurst += inBurst + 1 == kOverTmp.size() ? 1 : 1 + random() % 2;  // not always all of it
+    }
     program.operations.push_back(operation);
   }
   return program;

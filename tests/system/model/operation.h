@@ -79,6 +79,9 @@ struct Operation {
   std::uint32_t pick = 0;
 };
 
+/// In `pick` of a flush with a failing merge: it is forced.
+inline constexpr std::uint32_t kForcedBit = 1U << 8;
+
 std::ostream& operator<<(std::ostream& out, const Operation& operation);
 
 /// The host's settings, for the whole of a program.

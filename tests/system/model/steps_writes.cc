@@ -211,7 +211,9 @@ void Steps::ForgetNodes() {
 // --- flushes and merges
 
 void Steps::Flush(const Operation& operation) {
-  const bool force = operation.kind == Kind::kForcedFlush || operation.kind == Kind::kRefusedFlush;
+  const bool force =
+      operation.kind == Kind::kForcedFlush || operation.kind == Kind::kRefusedFlush ||
+      (operation.kind == Kind::kFlushOverFailed && (operation.pick & kForcedBit) != 0);
   const bool refuse = operation.kind == Kind::kRefusedFlush;
   const MergeFault fault =
       operation.kind == Kind::kFlushOverFailed ? AnyFault(operation.pick) : MergeFault::kNone;
