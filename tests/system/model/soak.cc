@@ -86,6 +86,9 @@ class Soaking {
       while (::waitpid(worker, &status, WNOHANG) == 0) {
         Tell();
         ::usleep(kTick);
+        if (interrupted != 0) {
+          shared_->stop = true;  // for those that were not
+        }
       }
       well = well && WIFEXITED(status) && WEXITSTATUS(status) == 0;
     }

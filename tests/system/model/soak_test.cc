@@ -1,6 +1,8 @@
 #include "tests/system/model/soak.h"
 
+#include <csignal>
 #include <sstream>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 
@@ -51,6 +53,21 @@ TEST(SoakTest, TheTimeEndsTheRun) {
   options.minutes = 1e-6;
   std::ostringstream out;
   EXPECT_TRUE(Soak(options, Genuine(), false, &out));
+}
+
+TEST(SoakTest, AnInterruptOfItsProcessAloneEndsTheRunWithTheFigures) {
+  SoakOptions options = Few();
+  options.programs = 0;
+  options.minutes = 600;
+  TableMakers makers = Genuine();
+  // Sent from the first life on, when the run has surely begun.
+  makers.memory = [self = ::getpid(), memory = makers.memory](DataCacheManagementInterface* cache) {
+    ::kill(self, SIGINT);
+    return memory(cache);
+  };
+  std::ostringstream out;
+  EXPECT_TRUE(Soak(options, makers, false, &out));
+  EXPECT_THAT(out.str(), HasSubstr("figure 0 differences between tables and model\n"));
 }
 
 TEST(SoakTest, ATerminalGetsOneLineThatIsRewritten) {
