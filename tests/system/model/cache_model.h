@@ -16,6 +16,7 @@ struct Node {
   ObjectID id;                 ///< once it is ready
   std::int32_t dcOffset = -1;  ///< likewise
   bool ready = false;
+  bool takenBack = false;  ///< by the host, which then never makes it ready
 };
 
 /// Nodes by their number; number 0 is none.

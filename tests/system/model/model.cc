@@ -22,14 +22,14 @@ Piece Same(const Piece& piece, long start) {
 // --- nodes
 
 int Model::NewNode(const ObjectID& id, std::int32_t dcOffset) {
-  nodes_.push_back({id, dcOffset, false});
+  nodes_.push_back({id, dcOffset});
   return static_cast<int>(nodes_.size()) - 1;
 }
 
 std::vector<int> Model::NotReady() const {
   std::vector<int> numbers;
   for (std::size_t i = 1; i < nodes_.size(); ++i) {
-    if (!nodes_[i].ready) {
+    if (!nodes_[i].ready && !nodes_[i].takenBack) {
       numbers.push_back(static_cast<int>(i));
     }
   }

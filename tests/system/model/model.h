@@ -135,7 +135,7 @@ class Model {
   };
   Flushed Flush(bool force, bool refuse, MergeFault fault);
   void FlushUnlocked(MergeFault fault);
-  std::set<int> ForgetNodes() { return cache_.ForgetNodes(); }
+  std::set<int> ForgetNodes();
   void Merge(MergeFault fault);
   bool TmpIsOpen() const { return disk_.tmp.has_value(); }
 

@@ -90,6 +90,14 @@ void Model::FlushUnlocked(MergeFault fault) {
   MergeIfDue(entries, fault);
 }
 
+std::set<int> Model::ForgetNodes() {
+  const std::set<int> forgotten = cache_.ForgetNodes();
+  for (const int node : forgotten) {
+    nodes_.at(static_cast<std::size_t>(node)).takenBack = true;
+  }
+  return forgotten;
+}
+
 void Model::Store(const std::map<long, ToStore>& ids) {
   ++commits_;
   Database& target = disk_.tmp ? *disk_.tmp : disk_.small;
