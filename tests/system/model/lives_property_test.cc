@@ -14,7 +14,7 @@ namespace zefs::test {
 namespace {
 
 TEST(LivesPropertyTest, BothTablesAnswerAsTheModelThroughAllLivesOfEveryProgram) {
-  constexpr std::uint64_t kPrograms = 60;
+  constexpr std::uint64_t kPrograms = 40;
   const TableMakers genuine = Genuine();
   const SharedWithChildren<Tally> tally;
   std::cout << "ZEFS_TEST_SEED=" << PropertySeed() << '\n';
@@ -90,7 +90,11 @@ TEST(FaultyTableTest, OneThatForgetsADatabaseIsFoundInFewOperations) {
 TEST(FaultyTableTest, OneThatDropsAWriteInFortyIsFound) {
   const SharedWithChildren<Tally> tally;
   const TableMakers makers = WithFaultyStored<StoredThatDropsWrites>();
-  EXPECT_NE(std::nullopt, RunProgram(AnyProgram(1), makers, &*tally));
+  bool found = false;
+  for (std::uint64_t seed = 1; seed <= 20 && !found; ++seed) {
+    found = RunProgram(AnyProgram(seed), makers, &*tally).has_value();
+  }
+  EXPECT_TRUE(found);
 }
 
 }  // namespace

@@ -375,9 +375,9 @@ void Model::ChangeAttributes(long offset, const ObjectID& id) {
 
 std::optional<ObjectID> Model::IdToBe(const Seen& seen) const {
   const Piece& piece = seen.piece;
-  if (seen.layer == 0 && piece.node != 0) {
-    const Node& node = nodes_.at(static_cast<std::size_t>(piece.node));
-    return node.ready ? std::optional(node.id) : std::nullopt;
+  const Node& node = nodes_.at(static_cast<std::size_t>(piece.node));
+  if (seen.layer == 0 && node.ready) {
+    return node.id;
   }
   return seen.layer == 0 && piece.id.dcid == 0 ? std::nullopt : std::optional(piece.id);
 }

@@ -57,7 +57,9 @@ TEST(ProgramTest, NamesAreThoseOfTheKinds) {
 }
 
 TEST(MinimisedTest, WhatIsNotNeededToFailIsTakenOut) {
-  const Program program = AnyProgram(11, 200);
+  Program program = AnyProgram(11, 200);
+  program.operations[50].kind = Kind::kTruncate;
+  program.operations[120].kind = Kind::kMerge;
   const auto fails = [](const Program& candidate) {
     bool truncated = false;
     for (const Operation& operation : candidate.operations) {
