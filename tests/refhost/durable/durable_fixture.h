@@ -7,30 +7,14 @@
 
 #include <boost/filesystem/operations.hpp>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
 
 #include "refhost/durable/durable_store.h"
 #include "refhost/durable/store_verifier.h"
 #include "tests/refhost/store/store_fixture.h"
 #include "tests/refhost/table_settings.h"
+#include "tests/support/in_memory.h"
 
 namespace zefs::test {
-
-/// Whether there is a file system in memory that any user may write to, with room to spare.
-inline bool HasSharedMemory() {
-  constexpr unsigned long kRoom = 1UL << 30;
-  struct stat directory {};
-  struct statvfs filesystem {};
-  return ::stat("/dev/shm", &directory) == 0 && (directory.st_mode & S_IWOTH) != 0 &&
-         ::statvfs("/dev/shm", &filesystem) == 0 &&
-         filesystem.f_bavail * filesystem.f_frsize >= kRoom;
-}
-
-/// Temporary directories of these tests are in memory where that can be: they sync thousands of
-/// times, and what they show does not depend on the disk. TMPDIR chooses another place.
-inline const bool kInMemory =
-    HasSharedMemory() && ::setenv("TMPDIR", "/dev/shm", /*overwrite=*/0) == 0;
 
 inline constexpr std::size_t kSegment = 512;
 
