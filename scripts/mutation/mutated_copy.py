@@ -11,14 +11,15 @@ import rewrite
 
 FOLDERS = ("support", "table", "sidefiles", "persistent")
 HERE = os.path.dirname(os.path.abspath(__file__))
-# What is built: the test programs, without those that take long and reach the library only through
-# programs of their own.
-NO_TARGETS = re.compile(r"bench_peers|_command(s)?_test$|zefs-host$|zefs-bench$")
+# The test programs that are built: the library's own, and, if asked for, the reference host's, without
+# those that reach the library only through programs of their own.
+OWN = re.compile(r"(tests/(support|table|sidefiles|persistent|system)/.*_test|fuzz/\w+_fuzz)$")
+OTHERS = re.compile(r"tests/refhost/.*(?<!_command)(?<!_commands)_test$")
 
 
 class Copy:
-    def __init__(self, root, out):
-        self.root, self.out = root, out
+    def __init__(self, root, out, all_suites=False):
+        self.root, self.out, self.all_suites = root, out, all_suites
         self.src, self.build = os.path.join(out, "src"), os.path.join(out, "build")
         os.makedirs(out, exist_ok=True)
         self.dropped_file = os.path.join(out, "dropped.json")
@@ -40,14 +41,14 @@ class Copy:
                     units.append((os.path.join(self.root, folder, name),
                                   ["-std=c++17", "-I" + self.root]))
         self.files = rewrite.walk(units, self.name_of, self.dropped)
-        # Lines told as not compiling are those of an older state if the file has changed since.
         self.mutants = []  # by number; those of dropped sites too
         self.first = {}
         for name in sorted(self.files):
             self.first[name] = len(self.mutants)
             for site in self.files[name].sites:
+                place = len(self.mutants)
                 for mutant in site.mutants:
-                    mutant.dropped = site.dropped
+                    mutant.place, mutant.dropped = place, site.dropped
                     self.mutants.append(mutant)
         return self.mutants
 
@@ -112,10 +113,9 @@ class Copy:
     def test_targets(self):
         _, told = self.ninja("-t", "targets", "all")
         names = re.findall(r"^(\S+): CXX_EXECUTABLE_LINKER", told, re.M)
-        return [n for n in names if re.search(r"_test$|_fuzz$", n) and
-                not NO_TARGETS.search(os.path.basename(n))]
+        return [n for n in names if OWN.search(n) or self.all_suites and OTHERS.search(n)]
 
-    def make(self, jobs=2):
+    def make(self, jobs):
         """Builds the copy. What does not compile is dropped, line by line."""
         for _ in range(8):
             self.find()
@@ -126,15 +126,8 @@ class Copy:
                 code, told = self.ninja(f"-j{jobs}", *self.test_targets())
             if code == 0:
                 return
-            found = set()
-            for name, line in re.findall(r"^(?:\S*?/)?mutants/src/(\S+?):(\d+):", told, re.M):
-                if name in self.files:
-                    found.add((name, int(line)))
-            errors = set()
-            for name, line in re.findall(r"^\S*?mutants/src/(\S+?):(\d+):\d+: (?:fatal )?error:", told, re.M):
-                if name in self.files:
-                    errors.add((name, int(line)))
-            errors = errors or found
+            errors = re.findall(r"^\S*?mutants/src/(\S+?):(\d+):\d+: error:", told, re.M)
+            errors = {(name, int(line)) for name, line in errors if name in self.files}
             new = {e for e in errors if e[1] not in self.dropped.get(e[0], ())}
             if not new:
                 sys.exit(f"scripts/mutants: the copy does not build, see {self.out}/build.log")

@@ -55,7 +55,9 @@ class Mutant:
     end: int
     old: str
     text: str
-    key: str = ""
+    key: str = ""          # tells it from all others, and stays when other lines change
+    place: int = 0         # number of the first mutant of its site
+    dropped: bool = False  # does not compile
 
 
 @dataclass
@@ -96,6 +98,20 @@ class File:
 
     def line(self, offset):
         return bisect.bisect_right(self.line_starts, offset)
+
+    def full_line(self, line):
+        begin = self.line_starts[line - 1]
+        return self.text[begin:self.text.find("\n", begin)]
+
+    def shown(self, mutant):
+        """The mutant as a difference of lines."""
+        first = self.line_starts[mutant.line - 1]
+        last = self.text.find("\n", mutant.end)
+        old = self.text[first:last]
+        new = self.text[first:mutant.begin] + mutant.text + self.text[mutant.end:last]
+        return "\n".join([f"{mutant.file}:{mutant.line} {mutant.operator}"] +
+                         ["  - " + line.strip() for line in old.splitlines()] +
+                         ["  + " + line.strip() for line in new.splitlines()])
 
     def source(self, cursor):
         return self.text[cursor.extent.start.offset:cursor.extent.end.offset]
@@ -496,7 +512,8 @@ def walk(units, name_of, dropped):
         seen = {}
         for site in file.sites:
             for m in site.mutants:
-                key = f"{m.file}|{m.line}|{m.operator}|{' '.join(m.old.split())}|{' '.join(m.text.split())}"
+                key = "|".join((m.file, m.operator, " ".join(file.full_line(m.line).split()),
+                                " ".join(m.old.split()), " ".join(m.text.split())))
                 seen[key] = seen.get(key, 0) + 1
                 m.key = f"{key}|{seen[key]}"
     return files

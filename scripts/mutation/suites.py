@@ -2,14 +2,13 @@
 
 import collections
 import json
-import mmap
 import os
+import re
 import resource
 import shutil
 import signal
 import subprocess
 import tempfile
-import threading
 import time
 
 MEMORY = 3 << 30     # of one process; a mutant may ask for more and more
@@ -33,11 +32,11 @@ class Case:
 
 
 class Suites:
-    def __init__(self, build, work):
+    def __init__(self, build):
         # Files in memory: waiting for a disk is most of what the tests do.
-        self.work = tempfile.mkdtemp(prefix="zefs-mutants-", dir="/dev/shm" if os.path.isdir("/dev/shm") else None)
+        memory = "/dev/shm" if os.path.isdir("/dev/shm") else None
+        self.work = tempfile.mkdtemp(prefix="zefs-mutants-", dir=memory)
         self.build = build
-        self.local = threading.local()
         self.cases = []
         told = subprocess.run(["ctest", "--show-only=json-v1"], cwd=build, check=True,
                               capture_output=True, text=True).stdout
@@ -55,17 +54,19 @@ class Suites:
         shutil.rmtree(self.work, ignore_errors=True)
 
     def run(self, command, limit, mutant=None, reached=None):
-        """Exit code of a command, 'timeout' if it takes longer, and its seconds. Leaves nothing behind."""
+        """Exit code of a command, 'timeout' if it takes longer, its seconds, and the case that it was in.
+        Leaves nothing behind."""
         place = tempfile.mkdtemp(dir=self.work)
-        env = dict(os.environ, TMPDIR=place, GTEST_FAIL_FAST="1", GTEST_BRIEF="1", ZEFS_TEST_SEED="1")
+        env = dict(os.environ, TMPDIR=place, GTEST_FAIL_FAST="1", ZEFS_TEST_SEED="1")
         if mutant is not None:
             env["ZEFS_MUTANT"] = str(mutant)
         if reached is not None:
             env["ZEFS_MUTANTS_REACHED"] = reached
         begin = time.monotonic()
-        process = subprocess.Popen(command, cwd=place, env=env, stdin=subprocess.DEVNULL,
-                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                                   start_new_session=True, preexec_fn=limits)
+        with open(os.path.join(place, "told"), "wb") as told:
+            process = subprocess.Popen(command, cwd=place, env=env, stdin=subprocess.DEVNULL, stdout=told,
+                                       stderr=subprocess.DEVNULL, start_new_session=True,
+                                       preexec_fn=limits)
         try:
             code = process.wait(timeout=limit)
         except subprocess.TimeoutExpired:
@@ -75,35 +76,48 @@ class Suites:
         except ProcessLookupError:
             pass
         process.wait()
+        seconds = time.monotonic() - begin
+        with open(told.name, "rb") as told:
+            told.seek(max(0, os.path.getsize(told.name) - 65536))
+            cases = re.findall(rb"\[ RUN      \] (\S+)", told.read())
         shutil.rmtree(place, ignore_errors=True)
-        return code, time.monotonic() - begin
+        return code, seconds, cases[-1].decode() if cases else ""
 
     def reach(self, case, places):
         """Runs a case without a mutant: whether it passes; notes its time and the places it reaches."""
         handle, name = tempfile.mkstemp(dir=self.work)
         os.ftruncate(handle, places + 1)
-        code, case.seconds = self.run(case.command, 300, reached=name)
-        with mmap.mmap(handle, 0) as reached:
-            case.places = frozenset(i for i, byte in enumerate(reached[:]) if byte)
+        code, case.seconds, _ = self.run(case.command, 300, reached=name)
+        with open(name, "rb") as reached:
+            case.places = frozenset(i for i, byte in enumerate(reached.read()) if byte)
         os.close(handle)
         os.remove(name)
         return code == 0
 
     def command_of(self, program, cases):
+        wanted = ":".join(case.filter or "" for case in cases)
         if cases[0].filter is None:
             return cases[0].command
-        if len(cases) == len(self.cases_of[program]):
+        if len(cases) == len(self.cases_of[program]) or len(wanted) > 100000:
             return [program]
-        return [program, "--gtest_filter=" + ":".join(case.filter for case in cases)]
+        return [program, "--gtest_filter=" + wanted]
 
-    def noticed(self, mutant, first, by_program):
-        """The first thing that notices `mutant`: (how, program). `first`: cases to try ahead."""
+    def notice(self, mutant, first, cases):
+        """What becomes of a mutant: (verdict, the case that notices it). `first`: cases to try ahead."""
+        def verdict(code):
+            return "timeout" if code == "timeout" else "killed"
+
         for case in first:
-            code, _ = self.run(case.command, 5 + 5 * case.seconds, mutant)
+            code, _, _ = self.run(case.command, 5 + 5 * case.seconds, mutant)
             if code != 0:
-                return ("timeout" if code == "timeout" else "killed"), case.name
-        for program, cases in sorted(by_program.items(), key=lambda kv: sum(c.seconds for c in kv[1])):
-            code, _ = self.run(self.command_of(program, cases), 5 + 5 * sum(c.seconds for c in cases), mutant)
+                return verdict(code), case
+        by_program = collections.defaultdict(list)
+        for case in cases:
+            if case not in first:
+                by_program[case.program].append(case)
+        for program, some in sorted(by_program.items(), key=lambda kv: sum(c.seconds for c in kv[1])):
+            code, _, name = self.run(self.command_of(program, some),
+                                     5 + 5 * sum(case.seconds for case in some), mutant)
             if code != 0:
-                return ("timeout" if code == "timeout" else "killed"), os.path.basename(program)
-        return "survived", ""
+                return verdict(code), next((c for c in some if c.filter == name), some[0])
+        return "survived", None
