@@ -23,6 +23,7 @@ class Copy:
         self.src, self.build = os.path.join(out, "src"), os.path.join(out, "build")
         os.makedirs(out, exist_ok=True)
         self.dropped_file = os.path.join(out, "dropped.json")
+        self.mutants = []
         self.dropped = {}
         if os.path.exists(self.dropped_file):
             with open(self.dropped_file) as file:
@@ -48,7 +49,8 @@ class Copy:
             for site in self.files[name].sites:
                 place = len(self.mutants)
                 for mutant in site.mutants:
-                    mutant.place, mutant.dropped = place, site.dropped
+                    mutant.place = place
+                    mutant.dropped = mutant.dropped or site.dropped
                     self.mutants.append(mutant)
         return self.mutants
 
@@ -117,8 +119,9 @@ class Copy:
 
     def make(self, jobs):
         """Builds the copy. What does not compile is dropped, line by line."""
-        for _ in range(8):
-            self.find()
+        for attempt in range(8):
+            if attempt or not self.mutants:
+                self.find()
             self.write()
             self.configure()
             code, told = self.ninja(f"-j{jobs}", "zefs_extmap_objects")

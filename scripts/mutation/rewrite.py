@@ -10,7 +10,7 @@ What becomes of the code, by operator:
   constant    a use of a constexpr integer, one more and one less
   arithmetic  + and -, * and /, & and |, += and -=, std::min and std::max to each other
   statement   a call, an assignment or a step left out
-  order       two statements side by side swapped
+  order       two statements side by side swapped, of which one calls something
   result      a returned value, 0 or false or null instead
   log         a log line left out, at another level, or swapped with its neighbour
 
@@ -57,7 +57,7 @@ class Mutant:
     text: str
     key: str = ""          # tells it from all others, and stays when other lines change
     place: int = 0         # number of the first mutant of its site
-    dropped: bool = False  # does not compile
+    dropped: bool = False  # does not compile, or says nothing
 
 
 @dataclass
@@ -472,6 +472,8 @@ class File:
             # One number after the other, so one site; the class of each goes by its two statements.
             self.site("order", variants, inserts)
             for i, mutant in enumerate(self.sites[-1].mutants):
+                # Steps have an order; fields that are set one after the other have none.
+                mutant.dropped = "(" not in mutant.old
                 if "log" in (row[i][2], row[i + 1][2]):
                     mutant.operator = "log"
         for begin, end, operator in row:

@@ -12,13 +12,18 @@ import tempfile
 import time
 
 MEMORY = 3 << 30     # of one process; a mutant may ask for more and more
-FILE_SIZE = 1 << 30  # of one file, as on the disk so in memory
+FILE_SIZE = 4 << 30  # of one file, as on the disk so in memory
 
 
 def limits():
     resource.setrlimit(resource.RLIMIT_DATA, (MEMORY, MEMORY))
     resource.setrlimit(resource.RLIMIT_FSIZE, (FILE_SIZE, FILE_SIZE))
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+
+
+def time_limit(cases):
+    """Seconds that are long for these cases in one program. The times of many contain as many starts."""
+    return 4 + (5 if len(cases) == 1 else 2) * sum(case.seconds for case in cases)
 
 
 class Case:
@@ -108,7 +113,7 @@ class Suites:
             return "timeout" if code == "timeout" else "killed"
 
         for case in first:
-            code, _, _ = self.run(case.command, 5 + 5 * case.seconds, mutant)
+            code, _, _ = self.run(case.command, time_limit([case]), mutant)
             if code != 0:
                 return verdict(code), case
         by_program = collections.defaultdict(list)
@@ -116,8 +121,7 @@ class Suites:
             if case not in first:
                 by_program[case.program].append(case)
         for program, some in sorted(by_program.items(), key=lambda kv: sum(c.seconds for c in kv[1])):
-            code, _, name = self.run(self.command_of(program, some),
-                                     5 + 5 * sum(case.seconds for case in some), mutant)
+            code, _, name = self.run(self.command_of(program, some), time_limit(some), mutant)
             if code != 0:
                 return verdict(code), next((c for c in some if c.filter == name), some[0])
         return "survived", None
