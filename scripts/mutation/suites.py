@@ -15,15 +15,17 @@ MEMORY = 3 << 30     # of one process; a mutant may ask for more and more
 FILE_SIZE = 4 << 30  # of one file, as on the disk so in memory
 
 
-def limits():
+def limits(seconds):
+    resource.setrlimit(resource.RLIMIT_CPU, (seconds, seconds))
     resource.setrlimit(resource.RLIMIT_DATA, (MEMORY, MEMORY))
     resource.setrlimit(resource.RLIMIT_FSIZE, (FILE_SIZE, FILE_SIZE))
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
 
 
 def time_limit(cases):
-    """Seconds that are long for these cases in one program. The times of many contain as many starts."""
-    return 4 + (5 if len(cases) == 1 else 2) * sum(case.seconds for case in cases)
+    """Seconds of a processor that are long for these cases in one program: whatever else the machine
+    has to do. The times of many cases contain as many starts."""
+    return int(3 + (4 if len(cases) == 1 else 1.5) * sum(case.seconds for case in cases))
 
 
 class Case:
@@ -59,8 +61,8 @@ class Suites:
         shutil.rmtree(self.work, ignore_errors=True)
 
     def run(self, command, limit, mutant=None, reached=None):
-        """Exit code of a command, 'timeout' if it takes longer, its seconds, and the case that it was in.
-        Leaves nothing behind."""
+        """Exit code of a command, 'hang' if it takes more of a processor's seconds than `limit`, or
+        waits for long; its seconds; and the case that it was in. Leaves nothing behind."""
         place = tempfile.mkdtemp(dir=self.work)
         env = dict(os.environ, TMPDIR=place, GTEST_FAIL_FAST="1", ZEFS_TEST_SEED="1")
         if mutant is not None:
@@ -71,11 +73,13 @@ class Suites:
         with open(os.path.join(place, "told"), "wb") as told:
             process = subprocess.Popen(command, cwd=place, env=env, stdin=subprocess.DEVNULL, stdout=told,
                                        stderr=subprocess.DEVNULL, start_new_session=True,
-                                       preexec_fn=limits)
+                                       preexec_fn=lambda: limits(limit))
         try:
-            code = process.wait(timeout=limit)
+            code = process.wait(timeout=30 + 10 * limit)
         except subprocess.TimeoutExpired:
-            code = "timeout"
+            code = "hang"
+        if code in (-signal.SIGXCPU, -signal.SIGKILL):
+            code = "hang"
         try:
             os.killpg(process.pid, signal.SIGKILL)  # children of a test that has died
         except ProcessLookupError:
@@ -110,7 +114,7 @@ class Suites:
     def notice(self, mutant, first, cases):
         """What becomes of a mutant: (verdict, the case that notices it). `first`: cases to try ahead."""
         def verdict(code):
-            return "timeout" if code == "timeout" else "killed"
+            return "hang" if code == "hang" else "killed"
 
         for case in first:
             code, _, _ = self.run(case.command, time_limit([case]), mutant)

@@ -330,6 +330,16 @@ TEST_F(TreeChangeTest, ADirtyKeyNodeTakesAChangedRangeInPlace) {
   EXPECT_THAT(peer_.dirtyNodes(), IsEmpty());
 }
 
+TEST_F(TreeChangeTest, ADirtyLeafTakesAnExtentInPlaceAndReportsNothing) {
+  CExtNode leaf(true);
+  leaf.extents = {Ext::Probe(10, 20), Ext::Probe(30, 40)};
+  std::vector<CMapNode*> out;
+  EXPECT_EQ(0, leaf.addExt(&table_, Ext::Probe(22, 28), &out));
+  EXPECT_THAT(out, IsEmpty());
+  EXPECT_EQ(3, leaf.getItemNum());
+  EXPECT_THAT(peer_.dirtyNodes(), IsEmpty());
+}
+
 TEST_F(TreeChangeTest, ADirtyKeyNodeTakesAShadowOfTheSameRangeForBothViews) {
   auto* const child = new CExtNode(false);  // freed with the nodes that shadows replace
   child->extents = {Ext::Probe(10, 20), Ext::Probe(30, 40)};
