@@ -97,6 +97,7 @@ TEST_F(FactoryTest, WithTheSettingThePathFunctionsAreThoseOfThePersistentTable) 
   EXPECT_EQ("/volume", out);
   EXPECT_THAT(Lines(), lines);
   EXPECT_EQ(-1, GetMapAbsolutePath("/volume/another.mdb", &out));
+  EXPECT_EQ(-1, GetMapRelativePath("/volume/another.mdb", &out));
   EXPECT_EQ("/volume", out);
   Lines();
   std::set<std::string> indices;
