@@ -1,4 +1,5 @@
 # Warnings and sanitizers of this project's own targets: link zefs_build_flags PRIVATE.
+# zefs_count_coverage(TARGET) counts what is run of a target's code, if ZEFS_COVERAGE says so.
 
 set(ZEFS_SANITIZE "" CACHE STRING "Sanitizers: address (with undefined and leak), thread, or empty")
 set_property(CACHE ZEFS_SANITIZE PROPERTY STRINGS "" address thread)
@@ -30,3 +31,12 @@ if(ZEFS_CHECK_LOCKS)
   add_subdirectory("${zefs_checked_locks}")
   target_link_libraries(zefs_build_flags INTERFACE zefs_lock_checker)
 endif()
+
+option(ZEFS_COVERAGE "Count which lines and branches of the library are run (scripts/coverage)" OFF)
+
+function(zefs_count_coverage target)
+  if(ZEFS_COVERAGE)
+    target_compile_options(${target} PRIVATE -O0 --coverage -fprofile-update=atomic)
+    target_link_options(${target} PUBLIC --coverage)
+  endif()
+endfunction()

@@ -57,6 +57,18 @@ TEST_F(FlushCommitTest, AKeyThatIsNotCachedIsSkippedAndToldAndTheOthersAreStored
   EXPECT_EQ(10, peer().committedFileSize()) << "the skipped one does not count";
 }
 
+TEST_F(FlushCommitTest, AKeyThatIsNotCachedDoesNotStandForTheNextOneThatIs) {
+  LoadOver();
+  WriteKnown(0, 10, Oid(70));
+  WriteKnown(90, 100, Oid(71));
+  log_.Take();
+  EXPECT_EQ(0,
+            peer().UpdateObjectID(ReadyExtents{{10, {Oid(70), -3}}, {99, {Oid(72), -3}}}, false));
+  EXPECT_THAT(Lines(4), ElementsAre("4 fail to get in memory cache extent key 99"));
+  EXPECT_THAT(Small(), ElementsAre(WholeRecord(0, 10, Oid(70), 0, -3)));
+  EXPECT_THAT(Cached(), ElementsAre(100));
+}
+
 TEST_F(FlushCommitTest, WithoutAnIdNoTransactionIsBegun) {
   LoadOver();
   peer().smallDb().opened = false;  // would be found closed

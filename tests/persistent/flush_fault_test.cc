@@ -21,6 +21,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
+using testing::StartsWith;
 using testing::UnorderedElementsAre;
 
 /// What each failing call of one kind does to a flush, in the order of the calls:
@@ -233,6 +234,18 @@ TEST_F(FlushFailureTest, AnExtentThatCannotBeStored) {
                                       "8 Failed to update extent map, return value is -1",
                                       "8 fail to update object id, ret -1"));
   EXPECT_FALSE(peer().dataChanged()) << "the special items were not reached";
+}
+
+TEST_F(FlushFailureTest, AnUnlockedFlushThatCannotStoreAnExtentThrowsItsCode) {
+  Prepare("PROVISION");
+  const WatchCalls watch(dir_.path().string());
+  Faults::FailNth(Call::kMdbCursorPut, 1, MDB_MAP_FULL);
+  EXPECT_EQ(-1, CodeOf([&] { table().checkAndBackfillObjectIDUnlock(false); }));
+  Faults::Disarm();
+  EXPECT_THAT(Lines(8), ElementsAre(StartsWith("8 Failed to add new entry"),
+                                    "8 Failed to update extent map, return value is -1",
+                                    "8 fail to update object id, ret -1"));
+  EXPECT_THAT(Cached(), ElementsAre(20, 50, 210));
 }
 
 TEST_F(FlushFailureTest, EachSpecialItemThatCannotBeStored) {

@@ -378,8 +378,10 @@ TEST_F(LmdbWriteExtentTxnTest, StepsBothWaysUpToTheEnds) {
   key_ = -5;
   EXPECT_EQ(0, txn.findWithCursor(&key_, &raw_));
   EXPECT_EQ(10, key_);
+  raw_ = nullptr;
   EXPECT_EQ(0, txn.getWithCursor(&key_, &raw_, MDB_NEXT));
   EXPECT_EQ(300, key_);
+  ASSERT_NE(nullptr, raw_);
   EXPECT_EQ(71U, raw_->dcid);
   EXPECT_EQ(MDB_NOTFOUND, txn.getWithCursor(&key_, &entry_, MDB_NEXT));
   EXPECT_EQ(300, key_);

@@ -350,6 +350,8 @@ TEST_F(MergeFaultTest, ADatabaseThatCannotBeReopenedIsNamedByTheCode) {
                   "8 Failed to setup env, return value is 24",
                   "8 Failed to merge db, the performance is potentially impacted, return "
                   "value is 24"));
+  EXPECT_EQ(nullptr, peer().smallDb().env);
+  EXPECT_EQ(nullptr, peer().fullDb().env);
   EXPECT_FALSE(peer().merging());
   EXPECT_EQ(Held::kNot, TableLock());
   EXPECT_EQ("small full ", Chain());
@@ -357,6 +359,17 @@ TEST_F(MergeFaultTest, ADatabaseThatCannotBeReopenedIsNamedByTheCode) {
   EXPECT_THROW(table().lower_bound(0, nullptr), Aldenta::Qnd::Morene::Zefs::SysException);
   WriteKnown(0, 10, Oid(98));
   EXPECT_THROW(Flush(), Aldenta::Qnd::Morene::Zefs::SysException);
+}
+
+TEST_F(MergeFaultTest, AFullDatabaseThatCannotBeReopenedLeavesTheSmallOneOpen) {
+  Faults::FailNth(Call::kMdbEnvOpen, 4, EMFILE);
+  EXPECT_EQ(0, CodeOf([this] { EXPECT_EQ(EMFILE, peer().MergeAndSwitch()); }));
+  EXPECT_TRUE(peer().smallDb().opened);
+  EXPECT_NE(nullptr, peer().smallDb().env);
+  EXPECT_FALSE(peer().fullDb().opened);
+  EXPECT_EQ(nullptr, peer().fullDb().env);
+  WriteKnown(0, 10, Oid(98));
+  EXPECT_EQ(0, CodeOf([this] { Flush(); })) << "writes need the small database only";
 }
 
 }  // namespace

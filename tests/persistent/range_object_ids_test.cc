@@ -38,6 +38,7 @@ TEST_F(ListingTest, WhatEndsBehindTheRangeIsNotListedAndWhatEndsWithItIs) {
   EXPECT_THAT(Listed(151, 201), ElementsAre("[150, 201) 71 71")) << "whole, not cut to the range";
   EXPECT_THAT(Listed(151, 200), IsEmpty());
   EXPECT_THAT(Listed(150, 150), ElementsAre("[100, 150) 70 70"));
+  EXPECT_THAT(Lines(kLogFailure), IsEmpty()) << "an end within the table is no failure";
 }
 
 TEST_F(ListingTest, ContainersFrom63OnAreListed) {

@@ -1,5 +1,6 @@
 #include "support/lmdb_c_api_wrapper.h"
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 
@@ -146,6 +147,19 @@ TEST(LmdbCApiWrapperTest, FailuresAreTheCodesOfLmdb) {
   MDB_env* env = nullptr;
   ASSERT_EQ(0, api.env_create(&env));
   EXPECT_EQ(ENOENT, api.env_open(env, (dir / "nothing").c_str(), 0, 0600));
+  api.env_close(env);
+
+  ASSERT_EQ(0, api.env_create(&env));
+  ASSERT_EQ(0, api.env_open(env, dir.path().c_str(), 0, 0600));
+  MDB_txn* txn = nullptr;
+  unsigned int dbi = 0;
+  ASSERT_EQ(0, api.txn_begin(env, nullptr, 0, &txn));
+  ASSERT_EQ(0, api.dbi_open(txn, nullptr, 0, &dbi));
+  std::string text = "not there";
+  MDB_val key = Val(text);
+  EXPECT_EQ(MDB_NOTFOUND, api.del(txn, dbi, &key, nullptr));
+  EXPECT_EQ(EINVAL, api.env_set_mapsize(env, 1UL << 20)) << "while a transaction runs";
+  api.txn_abort(txn);
   api.env_close(env);
 }
 

@@ -96,6 +96,10 @@ TEST_F(FactoryTest, WithTheSettingThePathFunctionsAreThoseOfThePersistentTable) 
   EXPECT_EQ(0, GetMapAbsolutePath("/volume/data.mdb", &out));
   EXPECT_EQ("/volume", out);
   EXPECT_THAT(Lines(), lines);
+  EXPECT_EQ(-1, GetMapAbsolutePath("/volume/another.mdb", &out));
+  EXPECT_EQ(-1, GetMapRelativePath("/volume/another.mdb", &out));
+  EXPECT_EQ("/volume", out);
+  Lines();
   std::set<std::string> indices;
   EXPECT_EQ(-1, GetMapIndexSet("/volume/that/is/not/there", &indices));
   EXPECT_THAT(indices, testing::IsEmpty());

@@ -1,5 +1,6 @@
 #include "table/references.h"
 
+#include <algorithm>
 #include <climits>
 #include <random>
 
@@ -298,6 +299,31 @@ TEST(FingerprintIndexTest, FindsWhatWasInsertedAndNothingElse) {
     EXPECT_EQ(inside[i], index.Find(digests[i]) != nullptr);
     index.Erase(digests[i], entries.find(TextOf(digests[i])));
     EXPECT_EQ(nullptr, index.Find(digests[i]));
+  }
+}
+
+TEST(FingerprintIndexTest, WhateverIsErasedTheOthersOfACrowdedIndexAreFound) {
+  // Twelve in the first sixteen slots: chains of slots that end behind the last one are usual.
+  constexpr std::size_t kCount = 12;
+  std::mt19937 random(11);
+  for (int round = 0; round < 200; ++round) {
+    std::vector<crfp_digest_t> digests(kCount);
+    FingerprintReferences entries;
+    FingerprintIndex index;
+    for (std::size_t i = 0; i < kCount; ++i) {
+      std::generate(digests[i].begin(), digests[i].end(),
+                    [&random] { return static_cast<unsigned char>(random()); });
+      index.Insert(digests[i], entries.emplace(TextOf(digests[i]), i).first);
+    }
+    for (std::size_t erased = 0; erased < kCount; ++erased) {
+      index.Erase(digests[erased]);
+      EXPECT_EQ(nullptr, index.Find(digests[erased]));
+      for (std::size_t i = erased + 1; i < kCount; ++i) {
+        const auto* found = index.Find(digests[i]);
+        ASSERT_NE(nullptr, found) << "round " << round;
+        EXPECT_EQ(i, (*found)->second);
+      }
+    }
   }
 }
 

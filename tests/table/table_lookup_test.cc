@@ -155,6 +155,18 @@ TEST_F(WalkTest, BackFromTheEndStaysThere) {
   EXPECT_TRUE(it == table_.end());
 }
 
+TEST_F(WalkTest, PositionsInOneLeafDiffer) {
+  AppendRow(2);
+  auto first = table_.begin();
+  auto second = table_.begin();
+  ++second;
+  EXPECT_FALSE(first == second);
+  EXPECT_TRUE(first != second);
+  ++first;
+  EXPECT_TRUE(first == second);
+  EXPECT_FALSE(first != second);
+}
+
 TEST_F(WalkTest, EmptyLeavesArePassedOver) {
   CExtNode a(false);
   CExtNode empty(false);

@@ -330,6 +330,33 @@ TEST_F(TreeChangeTest, ADirtyKeyNodeTakesAChangedRangeInPlace) {
   EXPECT_THAT(peer_.dirtyNodes(), IsEmpty());
 }
 
+TEST_F(TreeChangeTest, ADirtyLeafTakesAnExtentInPlaceAndReportsNothing) {
+  CExtNode leaf(true);
+  leaf.extents = {Ext::Probe(10, 20), Ext::Probe(30, 40)};
+  std::vector<CMapNode*> out;
+  EXPECT_EQ(0, leaf.addExt(&table_, Ext::Probe(22, 28), &out));
+  EXPECT_THAT(out, IsEmpty());
+  EXPECT_EQ(3, leaf.getItemNum());
+  EXPECT_THAT(peer_.dirtyNodes(), IsEmpty());
+}
+
+TEST_F(TreeChangeTest, ADirtyKeyNodeTakesAShadowOfTheSameRangeForBothViews) {
+  auto* const child = new CExtNode(false);  // freed with the nodes that shadows replace
+  child->extents = {Ext::Probe(10, 20), Ext::Probe(30, 40)};
+  std::vector<CMapNode*> children{child};
+  CKeyNode node(&children, true);
+  std::vector<CMapNode*> out;
+  EXPECT_EQ(0, node.addExt(&table_, Ext::Probe(22, 28), &out));
+  EXPECT_THAT(out, IsEmpty());
+  const std::unique_ptr<CMapNode> shadow(node.keys[0].wnode);
+  EXPECT_NE(child, shadow.get());
+  EXPECT_EQ(shadow.get(), node.keys[0].rnode);
+  EXPECT_THAT(peer_.dirtyKeys(), IsEmpty()) << "there is nothing to turn at the commit";
+  EXPECT_THAT(peer_.dirtyNodes(), ElementsAre(shadow.get()));
+  peer_.dirtyNodes().clear();
+  peer_.FreeOldNodes();
+}
+
 TEST_F(TreeChangeTest, WhatAChildReportsGoesBehindWhatTheVectorHolds) {
   TwoALeaf(2);
   CExtNode other(true);
