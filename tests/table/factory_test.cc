@@ -15,13 +15,11 @@
 #include "refhost/host/log_recorder.h"
 #include "table/mapping_table.h"
 #include "tests/persistent/mapping_lmdb_peer.h"
-#include "tests/table/code_of.h"
 
 namespace {
 
 using namespace Aldenta::Qnd::Morene::Zefs;
 using zefs::refhost::LogRecorder;
-using zefs::test::CodeOf;
 
 class FactoryTest : public testing::Test {
  protected:
