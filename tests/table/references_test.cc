@@ -316,7 +316,7 @@ TEST(FingerprintIndexTest, WhateverIsErasedTheOthersOfACrowdedIndexAreFound) {
       index.Insert(digests[i], entries.emplace(TextOf(digests[i]), i).first);
     }
     for (std::size_t erased = 0; erased < kCount; ++erased) {
-      index.Erase(digests[erased]);
+      index.Erase(digests[erased], entries.find(TextOf(digests[erased])));
       EXPECT_EQ(nullptr, index.Find(digests[erased]));
       for (std::size_t i = erased + 1; i < kCount; ++i) {
         const auto* found = index.Find(digests[i]);
