@@ -172,17 +172,17 @@ int CheckDatabaseFile(const std::string& path) {
     }
     ret = metas[1].free.pad == pageSize ? 0 : MDB_INVALID;
   }
-  std::uint64_t wanted = 0;
-  for (const MetaPage& meta : metas) {
-    if (ret == 0) {
-      ret = CheckMeta(meta, size, &what);
-      wanted = std::max(wanted, (meta.lastPage + 1) * pageSize);
-    }
+  // LMDB goes on from the newer one. A commit that failed may have left the other one with the new
+  // roots under the old number and last page; the next commit overwrites it.
+  const MetaPage& newer = metas[metas[0].transaction < metas[1].transaction ? 1 : 0];
+  if (ret == 0) {
+    ret = CheckMeta(newer, size, &what);
   }
   if (ret != 0) {
     ZEFS_LOG(kLogFailure, "db file %s is damaged: %s", path.c_str(), what);
     return ret;
   }
+  const std::uint64_t wanted = (newer.lastPage + 1) * pageSize;
   return size < wanted ? Lengthen(file.get(), path, size, wanted) : 0;
 }
 

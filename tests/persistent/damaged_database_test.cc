@@ -157,6 +157,22 @@ TEST_F(DamagedDatabaseTest, TwoPageSizesAreRefused) {
   EXPECT_EQ(MDB_INVALID, CodeOfLoad());
 }
 
+// So LMDB leaves the older meta page when it cannot write it: the new roots under the old last page.
+TEST_F(DamagedDatabaseTest, TheOlderMetaPageMayBeWhatAFailedCommitHasLeft) {
+  Write("data.mdb", Many(3));  // one commit: the first page is the older one
+  DamagedDatabase database(File("data.mdb"));
+  database.Set(0, {kMetaMainDb + kDbRoot.at, kDbRoot.width}, 100);
+  database.Set(0, {kMetaFreeDb + kDbRoot.at, kDbRoot.width}, 101);
+  database.Store();
+  CMappingLMDB& table = Load();
+  EXPECT_THAT(Lines(2), SizeIs(0));
+  EXPECT_THAT(Walk(table), SizeIs(3));
+  EXPECT_EQ(0, table.setFileSize(5000)) << "it can be written to";
+  Destroy();
+  EXPECT_THAT(Walk(Load()), SizeIs(3));
+  Destroy();
+}
+
 TEST_F(DamagedDatabaseTest, WhatLmdbRefusesItselfKeepsItsCodeAndHasNoLineOfItsOwn) {
   struct Refused {
     Field field;

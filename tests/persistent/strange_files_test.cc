@@ -44,11 +44,12 @@ TEST_F(StrangeFilesTest, AFifoForAJournalFailsTheLoad) {
   EXPECT_THAT(Lines(8), Contains("8 Failed to start extent journal, return value is -1"));
 }
 
-TEST_F(StrangeFilesTest, AFifoForAnOffsetStoreHoldsNothing) {
+TEST_F(StrangeFilesTest, AFifoForAnOffsetStoreIsNotWaitedForByAList) {
   MakeFifo("dcoffset");
   Load();
   std::vector<zefs::DCOffset> wanted;
-  EXPECT_EQ(0, table().GetEmptyDcOffsetList(&wanted));
+  EXPECT_EQ(-1, table().GetEmptyDcOffsetList(&wanted));
+  EXPECT_THAT(Lines(8), Contains(StartsWith("8 failed to open dcoffset, path=")));
   EXPECT_THAT(wanted, IsEmpty());
 }
 
@@ -68,7 +69,8 @@ TEST_F(StrangeFilesTest, AFifoForABloomFileIsPassedOver) {
   std::unique_ptr<BloomFilter> filter;
   table().GetDCIDAndBloomFilter(&dcids, &filter);
   EXPECT_NE(nullptr, filter);
-  EXPECT_THAT(Lines(4), Contains(StartsWith("4 Cannot load bloom from: ")));
+  EXPECT_THAT(Lines(8),
+              ElementsAre("8 failed to open file " + (Directory() / "bloom").string() + ", errno is 6"));
 }
 
 TEST_F(StrangeFilesTest, AFifoForADatabaseIsRefused) {

@@ -328,13 +328,23 @@ TEST_F(BloomDamageTest, ADirectoryOpensAndCannotBeRead) {
 }
 
 TEST_F(BloomDamageTest, AFileWhoseLengthCannotBeToldCountsAsEnded) {
-  ASSERT_EQ(0, ::mkfifo(path_.c_str(), 0600));
-  std::fstream pipe(path_);  // both ways, so that neither open waits
-  ASSERT_TRUE((pipe << bytes_).flush());
-  const Loaded loaded = Load(path_);
+  const int master = ::posix_openpt(O_RDWR | O_NOCTTY);
+  ASSERT_NE(-1, master);
+  ASSERT_EQ(0, ::grantpt(master));
+  ASSERT_EQ(0, ::unlockpt(master));
+  const std::string terminal = ::ptsname(master);
+  const int held = ::open64(terminal.c_str(), O_RDWR | O_NOCTTY);
+  ASSERT_NE(-1, held);
+  termios raw{};
+  ::cfmakeraw(&raw);
+  ASSERT_EQ(0, ::tcsetattr(held, TCSANOW, &raw));
+  ASSERT_EQ(static_cast<ssize_t>(bytes_.size()), ::write(master, bytes_.data(), bytes_.size()));
+  const Loaded loaded = Load(terminal);
   EXPECT_EQ(kThrewIo, loaded.outcome);
   ExpectUntouched(loaded);
   EXPECT_EQ((Log{ShortOf(0, 64, "failed to read buffer")}), log_.Take());
+  ::close(held);
+  ::close(master);
 }
 
 }  // namespace
