@@ -13,6 +13,7 @@ namespace zefs::test {
 namespace {
 
 using testing::Contains;
+using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
 
@@ -69,8 +70,8 @@ TEST_F(StrangeFilesTest, AFifoForABloomFileIsPassedOver) {
   std::unique_ptr<BloomFilter> filter;
   table().GetDCIDAndBloomFilter(&dcids, &filter);
   EXPECT_NE(nullptr, filter);
-  EXPECT_THAT(Lines(8),
-              ElementsAre("8 failed to open file " + (Directory() / "bloom").string() + ", errno is 6"));
+  EXPECT_THAT(Lines(8), ElementsAre("8 failed to open file " + (Directory() / "bloom").string() +
+                                    ", errno is 6"));
 }
 
 TEST_F(StrangeFilesTest, AFifoForADatabaseIsRefused) {

@@ -327,24 +327,4 @@ TEST_F(BloomDamageTest, ADirectoryOpensAndCannotBeRead) {
   EXPECT_EQ((Log{ShortOf(-1, 4, "read version of bloom file")}), log_.Take());
 }
 
-TEST_F(BloomDamageTest, AFileWhoseLengthCannotBeToldCountsAsEnded) {
-  const int master = ::posix_openpt(O_RDWR | O_NOCTTY);
-  ASSERT_NE(-1, master);
-  ASSERT_EQ(0, ::grantpt(master));
-  ASSERT_EQ(0, ::unlockpt(master));
-  const std::string terminal = ::ptsname(master);
-  const int held = ::open64(terminal.c_str(), O_RDWR | O_NOCTTY);
-  ASSERT_NE(-1, held);
-  termios raw{};
-  ::cfmakeraw(&raw);
-  ASSERT_EQ(0, ::tcsetattr(held, TCSANOW, &raw));
-  ASSERT_EQ(static_cast<ssize_t>(bytes_.size()), ::write(master, bytes_.data(), bytes_.size()));
-  const Loaded loaded = Load(terminal);
-  EXPECT_EQ(kThrewIo, loaded.outcome);
-  ExpectUntouched(loaded);
-  EXPECT_EQ((Log{ShortOf(0, 64, "failed to read buffer")}), log_.Take());
-  ::close(held);
-  ::close(master);
-}
-
 }  // namespace
