@@ -36,12 +36,12 @@ void DiscardEnv(LMDBContext* db) {
 /// Why LMDB must not be given this path of a database; 0 if it may. It follows symbolic links, and
 /// writes over whatever file one in place of a database or of its lock file leads to. A name that a
 /// zero byte cuts short would be one file for all the databases of a table.
-int UnusableAs(const std::string& dbPath) {
+int UnusableAs(const std::string& dbPath, const std::string& lockPath) {
   if (dbPath.find('\0') != std::string::npos) {
     return EINVAL;
   }
   const int error = storage::utils::LinkError(dbPath);
-  return error != 0 ? error : storage::utils::LinkError(dbPath + CMappingLMDB::MDB_NO_SUBDIR_LOCK);
+  return error != 0 ? error : storage::utils::LinkError(lockPath);
 }
 
 bool IsMissing(const std::string& path) {
@@ -50,9 +50,9 @@ bool IsMissing(const std::string& path) {
 
 /// Removes the file of a database that could not be made. A disk that fills up leaves half of its
 /// first write there, and LMDB would refuse such a file for good.
-void RemoveHalfMade(const std::string& dbPath) {
+void RemoveHalfMade(const std::string& dbPath, const std::string& lockPath) {
   ::unlink(dbPath.c_str());
-  ::unlink((dbPath + CMappingLMDB::MDB_NO_SUBDIR_LOCK).c_str());
+  ::unlink(lockPath.c_str());
 }
 
 }  // namespace
@@ -73,6 +73,8 @@ int CMappingLMDB::SetupDBEnv(const std::string& dbPath, LMDBContext* db, unsigne
     return -1;
   }
   db->path = dbPath;
+  // Made first: from here on nothing throws, which would leave an environment that is not open.
+  const std::string lockPath = dbPath + MDB_NO_SUBDIR_LOCK;
   int ret = mdb_env_create(&db->env);
   if (ret != 0) {
     db->env = nullptr;
@@ -91,7 +93,7 @@ int CMappingLMDB::SetupDBEnv(const std::string& dbPath, LMDBContext* db, unsigne
     ZEFS_LOG(kLogFailure, "Failed to set max dbs for db env, return value is %d", ret);
     return ret;
   }
-  ret = UnusableAs(dbPath);
+  ret = UnusableAs(dbPath, lockPath);
   if (ret == 0) {
     ret = CheckDatabaseFile(dbPath);
   }
@@ -103,7 +105,7 @@ int CMappingLMDB::SetupDBEnv(const std::string& dbPath, LMDBContext* db, unsigne
   if (ret != 0) {
     DiscardEnv(db);
     if (isNew) {
-      RemoveHalfMade(dbPath);
+      RemoveHalfMade(dbPath, lockPath);
     }
     ZEFS_LOG(kLogFailure, "Failed to open env for db %s, return value is %d", dbPath.c_str(), ret);
     return ret;

@@ -425,10 +425,10 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// Opens the database in the file `dbPath`, creating it if need be, with the key order of this
   /// format. `mapSize` is in bytes. 0, -1 for a null `db`, LMDB's code, or that with which
   /// CheckDatabaseFile refuses the file. Until LMDB has opened the file a failure leaves nothing
-  /// behind. Later ones leave the environment open for ClearDBEnv. A database that cannot be opened
-  /// or ordered, which LMDB never refuses for the unnamed one, leaves the write transaction open as
-  /// well: once the environment is closed, the thread must not begin another write transaction on
-  /// any database.
+  /// behind, std::bad_alloc included. Later ones leave the environment open for ClearDBEnv. A
+  /// database that cannot be opened or ordered, which LMDB never refuses for the unnamed one,
+  /// leaves the write transaction open as well: once the environment is closed, the thread must not
+  /// begin another write transaction on any database.
   int SetupDBEnv(const std::string& dbPath, LMDBContext* db, unsigned long mapSize);
   /// Closes what is open of `db` and removes its lock file. 0, or -1 if that is still there. Throws
   /// nothing.

@@ -74,6 +74,24 @@ TEST_F(OutOfMemoryTest, AMergeThatCouldNotBeginIsNotTakenForOneThatRuns) {
   EXPECT_GT(nth, 10);
 }
 
+TEST_F(OutOfMemoryTest, ADatabaseIsOpenOrHasNoEnvironment) {
+  int nth = 0;
+  do {
+    SCOPED_TRACE(nth);
+    SmallTable table(templates_, Start::kMerged);
+    table.Load();
+    auto& small = table.peer().smallDb();
+    const std::string path = small.path;
+    EXPECT_EQ(0, table.peer().ClearDBEnv(&small));
+    const std::string end = EndWithout(Allocator::kNew, ++nth, false, [&] {
+      return table.peer().SetupDBEnv(path, &small, 1UL << 30);
+    });
+    EXPECT_EQ(end == "0", small.opened) << end;
+    EXPECT_EQ(small.opened, small.env != nullptr) << end;
+  } while (MemoryFaults::Fired() && nth < kTooMany);
+  EXPECT_GT(nth, 1);
+}
+
 TEST_F(OutOfMemoryTest, ReferencesAreCountedOnceWhenTheBloomFileFindsNoMemory) {
   using Dcids = std::vector<std::pair<unsigned long, unsigned long>>;
   const auto sorted = [](const Dcids& dcids) {
