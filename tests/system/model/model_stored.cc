@@ -292,8 +292,8 @@ void Model::Remove() {
 
 void Model::Adopt(Disk found) {
   // Killed between the switch of the databases and that of the bloom file, which is the last step:
-  // what is there may be the filter of the merge before.
-  filterMayDeny_ = found.bloom && found.full.extents != disk_.full.extents;
+  // what is there may be the filter of the merge before. It stays so until the next merge.
+  filterMayDeny_ = found.bloom && (filterMayDeny_ || found.full.extents != disk_.full.extents);
   disk_ = std::move(found);
 }
 

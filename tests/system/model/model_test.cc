@@ -118,6 +118,20 @@ TEST_F(ModelTest, ATmpDatabaseKeepsWhatLiesBehindATruncate) {
   EXPECT_EQ(4, model_.FileSize().stored);
 }
 
+TEST_F(ModelTest, AFilterThatACrashHasLeftBesideNewerDatabasesMayDenyUntilTheNextMerge) {
+  Disk left;
+  left.bloom.emplace();
+  left.full.extents[10] = Piece{};
+  model_.Adopt(left);
+  EXPECT_TRUE(model_.FilterMayDeny());
+  model_.Load();
+  model_.Adopt(model_.disk());  // killed once more
+  EXPECT_TRUE(model_.FilterMayDeny());
+  model_.Load();
+  model_.Merge(MergeFault::kNone);
+  EXPECT_FALSE(model_.FilterMayDeny());
+}
+
 TEST_F(ModelTest, PrefetchedExtentsGoOnShowingWhatAWriteInsideThemHasReplaced) {
   Settings settings;
   settings.prefetch = true;
