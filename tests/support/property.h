@@ -19,8 +19,20 @@ inline std::uint64_t PropertySeed() {
   return given == nullptr ? 20240917 : std::strtoull(given, nullptr, 10);
 }
 
-/// Tries `property` on `cases` random cases and prints the seed. A counterexample is made small and
-/// fails the test.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr int kShareOfCases = 3;
+#else
+inline constexpr int kShareOfCases = 1;
+#endif
+
+/// How many of very many random cases are tried in this build: a third under a sanitizer, which
+/// slows all of them down and looks for what few of them show.
+constexpr int CasesOf(int usual) {
+  return (usual + kShareOfCases - 1) / kShareOfCases;
+}
+
+/// Tries `property` on `cases` random cases and prints the seed. A counterexample is made
+/// small and fails the test.
 template <typename Property>
 void ExpectToHold(const std::string& description, int cases, const Property& property) {
   rc::detail::TestParams params;

@@ -79,7 +79,7 @@ class PowerCutPropertyTest : public PowerCutTest {
 
 TEST_F(PowerCutPropertyTest, WhatWasAcknowledgedIsThere) {
   const char* const given = std::getenv("ZEFS_TEST_POWER_CUT_LIVES");
-  const int lives = given == nullptr ? 6 : std::atoi(given);
+  const int lives = given == nullptr ? CasesOf(6) : std::atoi(given);
   int steps = 0;
   for (int life = 0; life < lives; ++life) {
     const std::uint64_t seed = PropertySeed() + static_cast<std::uint64_t>(life);
