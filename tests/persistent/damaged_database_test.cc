@@ -157,7 +157,8 @@ TEST_F(DamagedDatabaseTest, TwoPageSizesAreRefused) {
   EXPECT_EQ(MDB_INVALID, CodeOfLoad());
 }
 
-// So LMDB leaves the older meta page when it cannot write it: the new roots under the old last page.
+// So LMDB leaves the older meta page when it cannot write it: the new roots under the old last
+// page.
 TEST_F(DamagedDatabaseTest, TheOlderMetaPageMayBeWhatAFailedCommitHasLeft) {
   Write("data.mdb", Many(3));  // one commit: the first page is the older one
   DamagedDatabase database(File("data.mdb"));
