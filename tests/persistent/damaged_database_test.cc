@@ -191,6 +191,13 @@ TEST_F(DamagedDatabaseTest, WhatLmdbRefusesItselfKeepsItsCodeAndHasNoLineOfItsOw
     EXPECT_THAT(Lines(4), SizeIs(2));
   }
   fs::remove_all(Directory());
+  Write("lsml0.mdb", Many(3));
+  DamagedDatabase database(File("lsml0.mdb"));
+  database.Set(1, kMetaMagic, 0);  // one page of the two
+  database.Store();
+  EXPECT_EQ(MDB_INVALID, CodeOfLoad());
+  EXPECT_THAT(Lines(4), SizeIs(2));
+  fs::remove_all(Directory());
   MakeDirectory();
   fs::create_directory(File("lsml0.mdb"));
   EXPECT_EQ(EISDIR, CodeOfLoad());

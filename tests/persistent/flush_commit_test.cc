@@ -110,6 +110,16 @@ TEST_F(FlushCommitTest, TheFileSizeOfTheCacheIsNotLowered) {
   EXPECT_EQ(90, table().getFileSize());
 }
 
+TEST_F(FlushCommitTest, AFileSizeSetBelowTheCachesEndRisesWithWhatIsStored) {
+  LoadOver();
+  WriteKnown(0, 90, Oid(70));
+  EXPECT_EQ(0, table().setFileSize(40));
+  EXPECT_EQ(40, peer().fileSize());
+  Flush();
+  EXPECT_EQ(90, peer().committedFileSize());
+  EXPECT_EQ(90, peer().fileSize());
+}
+
 TEST_F(FlushCommitTest, TheFirstFlushAfterTheReferencesWereTakenClearsTheTablesOwnId) {
   LoadOver();
   ObjectID doid = Oid(99, 4);

@@ -3,11 +3,14 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include <boost/filesystem/operations.hpp>
 #include <gmock/gmock.h>
 
+#include "sidefiles/extent_journal.h"
 #include "tests/system/faults/fault_fixture.h"
 #include "tests/system/faults/memory_faults.h"
 #include "tests/system/faults/operations.h"
@@ -15,6 +18,7 @@
 namespace zefs::test {
 namespace {
 
+using Aldenta::Qnd::Morene::Zefs::ExtentJournal;
 using Aldenta::Qnd::Morene::Zefs::SysException;
 
 class OutOfMemoryTest : public FaultTest {
@@ -44,6 +48,29 @@ TEST_F(OutOfMemoryTest, ATableIsDestroyedWithoutAnyMemory) {
     };
     EXPECT_EQ("0", EndWithout(Allocator::kNew, 1, true, destroy));
     EXPECT_TRUE(MemoryFaults::Fired()) << "records were to be written, and lock files removed";
+  }
+}
+
+TEST_F(OutOfMemoryTest, AJournalThatCannotWriteItsLastRecordsSaysSoAndIsDestroyed) {
+  for (const bool forGood : {false, true}) {
+    const TempDir directory;
+    const std::string path = (directory.path() / "journal").string();
+    refhost::LogRecorder log(forGood ? kLogFailure + 1 : kLogFailure);  // a line takes memory
+    std::optional<ExtentJournal> journal(std::in_place, path, false);
+    ASSERT_EQ(0, journal->Start());
+    ASSERT_EQ(0, journal->Add(0, 4096, 0, 70, DigestOf(70), 1));
+    const auto destroy = [&] {
+      journal.reset();
+      return 0;
+    };
+    EXPECT_EQ("0", EndWithout(Allocator::kNew, 1, forGood, destroy));
+    EXPECT_TRUE(MemoryFaults::Fired()) << "the record was to be written";
+    EXPECT_EQ(0U, boost::filesystem::file_size(path));
+    std::vector<refhost::LogRecord> lines;
+    if (!forGood) {
+      lines = {{kLogFailure, "failed to write extent journal path_=" + path + ", return=12"}};
+    }
+    EXPECT_EQ(lines, log.Take());
   }
 }
 
