@@ -1,11 +1,9 @@
 // For programs that are linked with --wrap=_exit and count what is run of the library: a child
 // process that ends by itself leaves its counts as well.
 
-#include <cstdlib>
-#include <gcov.h>
-
 extern "C" {
 
+void __gcov_dump();  // libgcov's; its header has no C linkage
 [[noreturn]] void __real__exit(int status);
 [[noreturn]] void __wrap__exit(int status);
 
