@@ -10,6 +10,7 @@
 
 #include "tests/persistent/extent_cache_fixture.h"
 #include "tests/support/held_lock.h"
+#include "tests/support/pace.h"
 
 namespace {
 
@@ -20,6 +21,7 @@ using zefs::test::AwaitWriterAt;
 using zefs::test::Held;
 using zefs::test::HowIsHeld;
 using zefs::test::Oid;
+using zefs::test::Pace;
 
 using SharedLock = CMappingTable::SharedLock;
 using UniqueLock = CMappingTable::UniqueLock;
@@ -125,10 +127,10 @@ TEST_F(ExtentCacheThreadsTest, AReaderSeesWholeWritesOnly) {
   Insert(0, kSize);
   std::vector<zefs::DataCacheNode*> nodes(900);
   std::generate(nodes.begin(), nodes.end(), [this] { return cache_.NewNode(); });
-  std::atomic<bool> done{false};
-  std::atomic<long> walks{0};
+  Pace pace;
   const auto read = [&] {
-    while (!done.load() || walks.load() == 0) {
+    long seen = 0;
+    do {
       const SharedLock lock(peer().rwLock());
       long at = 0;
       for (const auto& [key, entry] : peer().extCache()) {
@@ -143,8 +145,7 @@ TEST_F(ExtentCacheThreadsTest, AReaderSeesWholeWritesOnly) {
         ASSERT_EQ(1U, peer().extCache().count(key));
       }
       ASSERT_TRUE(peer().dataChanged());
-      ++walks;
-    }
+    } while (pace.AwaitChange(&seen));
   };
   std::thread first(read);
   std::thread second(read);
@@ -156,16 +157,16 @@ TEST_F(ExtentCacheThreadsTest, AReaderSeesWholeWritesOnly) {
         const long eOff = std::min(kSize, sOff + 1 + (i * 13) % 40);
         void* const node = i % 3 == 0 ? nullptr : nodes[static_cast<std::size_t>(300 * seed + i)];
         table().insert(sOff, eOff, &oid_, sOff, 0, node, -1, nullptr);
+        pace.Changed();
       }
     });
   }
   for (std::thread& writer : writers) {
     writer.join();
   }
-  done = true;
+  pace.End();
   first.join();
   second.join();
-  EXPECT_GT(walks.load(), 0);
   EXPECT_GT(peer().objListCount(), 600U);
 }
 

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/pace.h"
 #include "tests/table/table_fixture.h"
 
 namespace {
@@ -40,19 +41,22 @@ class ThreadsTest : public testing::Test {
       const long block = static_cast<long>(random() % kBlocks);
       const long count = 1 + static_cast<long>(random() % 8);
       WriteBlocks(block, std::min(count, kBlocks - block), 64 + random() % 16);
+      pace_.Changed();
     }
+    pace_.End();
   }
+
+  zefs::test::Pace pace_;  ///< of Write
 
   CMappingTable table_{nullptr};
   MappingTableTestPeer peer_{table_};
 };
 
 TEST_F(ThreadsTest, ReadersUnderTheSharedLockSeeWholeChangesBesideAWriter) {
-  std::atomic<bool> done{false};
-  std::atomic<long> walks{0};
   const auto read = [&](unsigned int seed) {
     std::mt19937 random(seed);
-    while (!done.load() || walks.load() == 0) {
+    long seen = 0;
+    do {
       const CMappingTable::SharedLock lock(peer_.lock());
       long at = 0;
       const auto end = table_.end();
@@ -66,24 +70,20 @@ TEST_F(ThreadsTest, ReadersUnderTheSharedLockSeeWholeChangesBesideAWriter) {
       const auto found = table_.lower_bound(offset, nullptr);
       ASSERT_LE(found->sOff, offset);
       ASSERT_GT(found->eOff, offset);
-      ++walks;
-    }
+    } while (pace_.AwaitChange(&seen));
   };
   std::thread first(read, 1);
   std::thread second(read, 2);
   Write(1500, 3);
-  done = true;
   first.join();
   second.join();
-  EXPECT_GT(walks.load(), 0);
   EXPECT_TRUE(peer_.rroot()->checkNode(true));
 }
 
 TEST_F(ThreadsTest, OperationsThatLockForThemselvesRunBesideAWriter) {
-  std::atomic<bool> done{false};
-  std::atomic<long> rounds{0};
   std::thread reader([&] {
-    while (!done.load() || rounds.load() == 0) {
+    long seen = 0;
+    do {
       table_.find(kBlock * kBlocks / 2, nullptr);
       std::vector<std::pair<unsigned long, unsigned long>> dcids;
       std::vector<FingerprintText> fps;
@@ -95,11 +95,9 @@ TEST_F(ThreadsTest, OperationsThatLockForThemselvesRunBesideAWriter) {
       ASSERT_EQ(static_cast<unsigned long>(kBlocks * kBlock), bytes) << "counts are whole";
       table_.GetNewReferencedDCID(&dcids);
       table_.GetReferencedFP(&fps);
-      ++rounds;
-    }
+    } while (pace_.AwaitChange(&seen));
   });
   Write(1500, 4);
-  done = true;
   reader.join();
   EXPECT_TRUE(peer_.rroot()->checkNode(true));
 }
