@@ -25,6 +25,7 @@ using testing::SizeIs;
 
 constexpr std::int64_t kRecords = 200;
 constexpr long kWhole = 1L << 40;
+constexpr std::uint64_t kKeysOnly = 0x20;  // a flag of a page
 const std::string kCorrupted = std::to_string(MDB_CORRUPTED);
 
 class DamagedOrderTest : public LifecycleTest {
@@ -134,7 +135,6 @@ TEST_F(DamagedOrderTest, ARewriteOfObjectIdsChangesNothing) {
 
 // Pages that claim to hold keys only give no values: what lay on the stack was taken for one.
 TEST_F(DamagedOrderTest, ARecordWithoutAValueIsDamage) {
-  constexpr std::uint64_t kKeysOnly = 0x20;
   LoadDisordered("data.mdb");
   Destroy();
   DamagedDatabase database(File("data.mdb"));
@@ -144,6 +144,41 @@ TEST_F(DamagedOrderTest, ARecordWithoutAValueIsDamage) {
   std::unordered_map<unsigned long, unsigned long> dcids;
   std::vector<crfp_digest_t> fps;
   EXPECT_EQ(MDB_CORRUPTED, CodeOf([&] { table.GetDCIDAndFPs(&dcids, &fps); }));
+}
+
+class KeysOnlyTest : public DamagedOrderTest {
+ protected:
+  /// Writes the database `name` as one leaf that holds nothing but keys of eight bytes: `key`, over
+  /// and over.
+  void WriteKeysOnly(const std::string& name, std::int64_t key) {
+    constexpr std::size_t kNewer = 1;  // after one commit
+    Write(name, {Stored(0, 10, 70), Stored(10, 20, 70), Stored(20, 30, 70)});
+    DamagedDatabase database(File(name));
+    database.SetMeta(fuzz::kMetaMainDb, fuzz::kDbPad, sizeof(key));
+    const std::size_t leaf =
+        database.Get(kNewer, {fuzz::kMetaMainDb + fuzz::kDbRoot.at, fuzz::kDbRoot.width});
+    ASSERT_EQ(fuzz::kLeafPage, database.Get(leaf, fuzz::kPageFlags));
+    database.Set(leaf, fuzz::kPageFlags, fuzz::kLeafPage | kKeysOnly);
+    for (std::size_t at = 0; at < 16; ++at) {
+      database.Set(leaf, {fuzz::kPageHeaderBytes + at * sizeof(key), sizeof(key)},
+                   static_cast<std::uint64_t>(key));
+    }
+    database.Store();
+  }
+};
+
+TEST_F(KeysOnlyTest, ALookUpFindsNoValueAndFails) {
+  WriteKeysOnly("data.mdb", 20);
+  CMappingLMDB& table = Load();
+  EXPECT_EQ(MDB_CORRUPTED, CodeOf([&] { table.lower_bound(15, nullptr); }));
+}
+
+TEST_F(KeysOnlyTest, ASpecialItemWithoutAValueFailsTheLoad) {
+  WriteKeysOnly("lsml0.mdb", kPlainFileSizeKey);
+  CMappingLMDB& table = Make();
+  EXPECT_EQ(MDB_CORRUPTED, CodeOf([&] { table.load(Directory().string(), false, ""); }));
+  EXPECT_THAT(Lines(8), Contains("8 Failed to get file size, ret:" + kCorrupted));
+  Destroy();
 }
 
 TEST_F(DamagedOrderTest, ACountThatFellBelowZeroIsNone) {
