@@ -16,6 +16,7 @@
 #include "refhost/store/store_error.h"
 #include "tests/refhost/check/told_size.h"
 #include "tests/refhost/store/store_fixture.h"
+#include "tests/support/ordinary_user.h"
 
 namespace zefs::refhost {
 namespace {
@@ -175,7 +176,7 @@ TEST_F(Checker, ObjectThatIsNotStoredIsADifferenceWithItsOffset) {
 TEST_F(Checker, FileThatMayNotBeReadIsSkipped) {
   fs::permissions(dir / "tree/large", fs::no_perms);
   options.storeDirectory.clear();
-  const test::AsOrdinaryUser user(dir.path());
+  const test::AsOrdinaryUser user;
   const CheckResult result = RunCheck(options);
   EXPECT_FALSE(result.difference.has_value());
   EXPECT_EQ(3U, result.files);
@@ -188,7 +189,7 @@ TEST_F(Checker, OnlyUnreadableFilesCannotRun) {
   fs::permissions(dir / "tree/large", fs::no_perms);
   options.paths = {(dir / "tree/large").string()};
   options.storeDirectory.clear();
-  const test::AsOrdinaryUser user(dir.path());
+  const test::AsOrdinaryUser user;
   EXPECT_EQ("no readable file among the 1 found, 1 skipped, 0 passed over as not regular",
             ThrownText<StoreError>([&] { RunCheck(options); }));
 }

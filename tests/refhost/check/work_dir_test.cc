@@ -9,6 +9,7 @@
 
 #include "refhost/store/store_error.h"
 #include "tests/refhost/store/store_fixture.h"
+#include "tests/support/ordinary_user.h"
 
 namespace zefs::refhost {
 namespace {
@@ -71,7 +72,7 @@ TEST(WorkDir, DirectoryThatMayNotBeWrittenIsRefused) {
   const TempDir dir;
   fs::create_directory(dir / "s");
   fs::permissions(dir / "s", static_cast<fs::perms>(0555));
-  const test::AsOrdinaryUser user(dir.path());
+  const test::AsOrdinaryUser user;
   EXPECT_EQ("cannot create " + (dir / "s/data").string() + ": Permission denied (EACCES)",
             ThrownText<StoreError>([&] { WorkDir((dir / "s").string(), false, "data"); }));
 }
@@ -88,7 +89,7 @@ TEST(WorkDir, PlaceForTemporaryFilesThatIsNoneIsNamed) {
   fs::permissions(dir / "shut", static_cast<fs::perms>(0555));
   setenv("TMPDIR", (dir / "shut").c_str(), 1);
   {
-    const test::AsOrdinaryUser user(dir.path());
+    const test::AsOrdinaryUser user;
     EXPECT_EQ("cannot make a directory in " + (dir / "shut").string() +
                   ": Permission denied (EACCES); --store or TMPDIR choose another place",
               ThrownText<StoreError>([&] { WorkDir("", false, "data"); }));

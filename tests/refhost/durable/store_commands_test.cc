@@ -7,6 +7,7 @@
 
 #include "refhost/cli/exit_status.h"
 #include "tests/refhost/durable/commands_fixture.h"
+#include "tests/support/ordinary_user.h"
 
 namespace zefs::refhost {
 namespace {
@@ -181,7 +182,7 @@ TEST_F(StoreCommands, WhereNoFileCanBeReadEachIsNamedBeforeThat) {
   fs::permissions(dir / "tree/one", fs::no_perms);
   fs::permissions(dir.path(), fs::all_all);
   options.paths = {In("tree/one")};
-  const test::AsOrdinaryUser user(dir.path() / "tree");
+  const test::AsOrdinaryUser user;
   EXPECT_EQ(kExitCannotRun, Put());
   EXPECT_EQ("skipped " + In("tree/one") +
                 ": Permission denied (EACCES)\nzefs-host put: no readable file was found, 1 "
@@ -195,7 +196,7 @@ TEST_F(StoreCommands, UnreadableFilesAreSkippedAndNamed) {
   fs::create_directory(dir / "place");
   fs::permissions(dir / "place", fs::all_all);
   options.store = In("place/store");
-  const test::AsOrdinaryUser user(dir.path());
+  const test::AsOrdinaryUser user;
   EXPECT_EQ(kExitFine, Put(true)) << err.str();
   EXPECT_EQ("skipped " + In("tree/one") + ": Permission denied (EACCES)\n", err.str());
   EXPECT_EQ(2, Json().at("files"));

@@ -19,6 +19,7 @@
 #include "refhost/cli/exit_status.h"
 #include "tests/refhost/store/store_fixture.h"
 #include "tests/support/child_process.h"
+#include "tests/support/ordinary_user.h"
 
 namespace zefs::refhost {
 namespace {
@@ -153,7 +154,7 @@ TEST_F(CheckCommand, WhereNoFileCouldBeReadEachIsNamedBeforeThat) {
   options.storeDirectory.clear();
   for (const bool json : {false, true}) {
     err.str("");
-    const test::AsOrdinaryUser user(dir.path());
+    const test::AsOrdinaryUser user;
     EXPECT_EQ(kExitCannotRun, Run(json));
     EXPECT_EQ("skipped " + In("tree/one") + ": Permission denied (EACCES)\nskipped " +
                   In("tree/two") +
@@ -274,7 +275,7 @@ TEST_F(CheckCommand, PathBehindAClosedDirectoryIsSkippedAndNotSaidToBeGone) {
   ::testing::internal::CaptureStderr();
   int status = 0;
   {
-    const test::AsOrdinaryUser user(dir.path());
+    const test::AsOrdinaryUser user;
     status = Parse({"check", In("closed/file"), In("tree")});
   }
   ::testing::internal::GetCapturedStdout();

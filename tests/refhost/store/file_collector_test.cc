@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include "tests/refhost/store/store_fixture.h"
+#include "tests/support/ordinary_user.h"
 
 namespace zefs::refhost {
 namespace {
@@ -71,7 +72,7 @@ TEST_F(Collect, NamesADirectoryThatCannotBeListed) {
   fs::permissions(dir / "tree/sub", fs::no_perms);
   CollectedFiles found;
   {
-    const test::AsOrdinaryUser user(dir.path());
+    const test::AsOrdinaryUser user;
     found = CollectFiles({In("tree")});
   }
   fs::permissions(dir / "tree/sub", fs::owner_all);

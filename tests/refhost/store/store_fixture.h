@@ -1,12 +1,9 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
 #include <fstream>
-#include <stdexcept>
 #include <string>
 #include <string_view>
-#include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
 
@@ -36,29 +33,6 @@ class SmallStore {
   refhost::ObjectStore objects;
   refhost::NoDataCache cache;
   refhost::FileStore files;
-};
-
-/// While it lives, a test that the superuser runs has the rights of an ordinary user, and
-/// `directory` may be passed through by that user. For tests without threads.
-class AsOrdinaryUser {
- public:
-  explicit AsOrdinaryUser(const boost::filesystem::path& directory) : before_(geteuid()) {
-    boost::filesystem::permissions(directory, static_cast<boost::filesystem::perms>(0755));
-    if (before_ == 0 && seteuid(kNobody) != 0) {
-      throw std::runtime_error("cannot give up the rights of the superuser");
-    }
-  }
-  ~AsOrdinaryUser() {
-    if (geteuid() != before_ && seteuid(before_) != 0) {
-      std::abort();
-    }
-  }
-  AsOrdinaryUser(const AsOrdinaryUser&) = delete;
-  AsOrdinaryUser& operator=(const AsOrdinaryUser&) = delete;
-
- private:
-  static constexpr uid_t kNobody = 65534;
-  uid_t before_;
 };
 
 inline void WriteFile(const boost::filesystem::path& path, std::string_view bytes) {

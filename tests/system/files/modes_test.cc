@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include "tests/support/figures.h"
+#include "tests/support/ordinary_user.h"
 #include "tests/system/files/creations.h"
 #include "tests/system/files/file_life_fixture.h"
 
@@ -20,7 +21,6 @@ using testing::IsSupersetOf;
 
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kDirectoryMode = 0700;
-constexpr uid_t kSomebody = 65534;
 
 class FileModesTest : public FileLifeTest {
  protected:
@@ -109,11 +109,7 @@ TEST_F(FileModesTest, FilesAndDirectoriesAreTheirOwnersFromTheFirstMomentOn) {
 
 TEST_F(FileModesTest, AUmaskThatLeavesTheOwnerNothingIsToldByTheFirstDatabase) {
   InChild([&] {
-    if (::geteuid() == 0) {
-      ASSERT_EQ(0, ::chown(dir_.path().c_str(), kSomebody, kSomebody));
-      ASSERT_EQ(0, ::setegid(kSomebody));
-      ASSERT_EQ(0, ::seteuid(kSomebody));
-    }
+    const AsOrdinaryUser user;
     ::umask(0777);
     const Creations creations(dir_.path().string());
     Make("GENERIC");
