@@ -11,6 +11,7 @@
 #include "tests/persistent/close_trace.h"
 #include "tests/persistent/merge_fixture.h"
 #include "tests/persistent/thread_switch.h"
+#include "tests/support/fault_injection.h"
 #include "tests/table/code_of.h"
 
 namespace zefs::test {
@@ -173,6 +174,20 @@ TEST_F(MergeSwitchTest, TheBloomFileOfTheMergeReplacesTheOldOneAtTheEnd) {
   const auto steps = Lines(kLogStep);
   ASSERT_THAT(steps, SizeIs(1));
   EXPECT_EQ(0U, steps[0].find("1 remove file " + Path("bloom.merge") + ", return is 0; errno is "));
+}
+
+TEST_F(MergeSwitchTest, ABloomFileThatCannotBeRemovedIsEmptiedLestItIsTakenForTheNewOne) {
+  WithBloom();
+  LoadBoth(kFull, kSmall);
+  WriteBytes(File("bloom.merge"), std::string(1000, 'x'));
+  Lines();
+  const WatchCalls watch(Directory().string());
+  Faults::FailNth(Call::kUnlink, 1, EACCES);
+  EXPECT_EQ(0, peer().MergeAndSwitch());
+  EXPECT_TRUE(Faults::Fired());
+  EXPECT_THAT(ReadBloomFile(File("bloom")).refs, SizeIs(2));
+  EXPECT_THAT(Lines(kLogStep),
+              ElementsAre("1 remove file " + Path("bloom.merge") + ", return is -1; errno is 13"));
 }
 
 TEST_F(MergeSwitchTest, WhereTheRenameOfTheBloomFileFailsTheMergeStandsAndTheOldFileGoes) {
