@@ -321,9 +321,10 @@ bool CMappingLMDB::PutSpecialItems(const Transaction& transaction, long maxEnd) 
     }
   }
   if (NoteFirstChange()) {
-    const int ret = transaction.Put(SPECIAL_KEY_DOID, SpecialValue::OfObjectID(doid_));
-    ZEFS_LOG(kLogTrace, "update do id fp %s, dcid %ld, ret:%d", TextOf(doid_.fp).data(),
-             static_cast<long>(doid_.dcid), ret);
+    const ObjectID doid = OwnId();
+    const int ret = transaction.Put(SPECIAL_KEY_DOID, SpecialValue::OfObjectID(doid));
+    ZEFS_LOG(kLogTrace, "update do id fp %s, dcid %ld, ret:%d", TextOf(doid.fp).data(),
+             static_cast<long>(doid.dcid), ret);
     if (ret != 0) {
       return false;
     }

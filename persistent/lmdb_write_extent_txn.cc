@@ -91,8 +91,7 @@ int LmdbWriteExtentTxn::Step(long* key, MDB_val* value, MDB_cursor_op op) {
   if (ret == 0) {
     *key = ReadKey(found);
   } else if (ret != MDB_NOTFOUND) {
-    LogError(op == MDB_NEXT ? "Failed to get the next item with the current cursor"
-                            : "Failed to get the prev item with the current cursor",
+    LogError(op == MDB_NEXT ? kNoNextItem : "Failed to get the prev item with the current cursor",
              ret);
   }
   return ret;

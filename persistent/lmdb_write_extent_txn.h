@@ -44,6 +44,8 @@ class LmdbWriteExtentTxn {
   /// what failed; the transaction has ended either way, and is committed if only the sync failed.
   void commit();
 
+  static constexpr const char* kNoNextItem = "Failed to get the next item with the current cursor";
+
   /// Logs "%s; %s (errno %d)" with `message` and `code`.
   static void LogError(const std::string& message, int code);
   /// The same, and throws SysException(code).

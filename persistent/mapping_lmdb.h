@@ -118,7 +118,8 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// Raises the stored file size, and forgets the table's object id if this is its first change. A
   /// size at or below the stored one changes nothing else. Returns 0, or LMDB's code of a failed
   /// put or commit, after which both sizes are as before. Throws if no transaction can be begun or
-  /// the object id cannot be stored. Takes tableLock_ shared.
+  /// the object id cannot be stored. Takes tableLock_ shared. No write or flush may be running. A
+  /// size that is set while a merge ends may be missing after the next load.
   int setFileSize(long size) override;
 
   /// Makes the table end at `size`, 0 or more: extents behind it go, one that spans it is cut, and
@@ -185,7 +186,7 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// The table's directory is now `path`: side files are made there from now on, and records that
   /// the offset store still had in memory are written under the old path. No file is moved, and the
   /// databases stay open as they are: the host moves the files before or after. Waits for a merge
-  /// that runs. Takes tableLock_ exclusively.
+  /// that runs. Takes tableLock_ exclusively. Nothing that may start a merge may be running.
   void UpdateExtPath(const std::string& path) override;
 
   /// Nothing to save: returns 0.
@@ -279,17 +280,19 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   /// of the fingerprints. Takes the full database's part from the bloom file of the last merge if
   /// that is sound, so extents replaced since then may still be counted. Clears what IsDataChanged
   /// reports. Throws SysException as the class says: the outputs are then as far as they got, and
-  /// what IsDataChanged reports stays. Holds tableLock_ shared.
+  /// what IsDataChanged reports stays. Holds tableLock_ shared. A write that runs meanwhile might
+  /// not count as a change.
   void GetDCIDAndBloomFilter(std::vector<std::pair<unsigned long, unsigned long>>* dcids,
                              std::unique_ptr<BloomFilter>* filter) override;
 
   /// Stores the table's own object id, of which container and fingerprint are kept; one without a
   /// fingerprint, or whose container is 64 or below, clears it. Returns 0; throws if it cannot be
-  /// stored. Takes tableLock_ shared.
+  /// stored, after which GetDOID tells the new id all the same. Takes tableLock_ shared. No other
+  /// SetDOID, no GetDOID and no flush may be running.
   int SetDOID(ObjectID* oid) override;
 
   /// Reads it: 0, or -1 and `*oid` as it was if there is none. The attributes of `*oid` are left
-  /// alone. Takes tableLock_ shared.
+  /// alone. Takes tableLock_ shared. No SetDOID and no flush may be running.
   int GetDOID(ObjectID* oid) override;
 
   /// Whether the table was written to since GetDCIDAndBloomFilter, or has no object id of its own:
@@ -341,7 +344,7 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   virtual void GetExtentData(std::set<void*>* released);
 
   /// Stores the format version. Returns 0, or LMDB's code of a failed put or commit, after which
-  /// the version is as before; a failed commit is not logged. Throws if no transaction can be
+  /// the version is as before. Throws if no transaction can be
   /// begun. Takes tableLock_ shared.
   virtual int setExtMapVersion(ExtMapVersion version);
   /// The version as last loaded, stored or set by a merge. Takes no lock.
@@ -395,6 +398,11 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   void ForgetDOIDUnlocked();
   /// What both do in memory. False if the table has changed before.
   bool NoteFirstChange();
+  /// Container and fingerprint of doid_, under MutexOf(&doid_).
+  ObjectID OwnId() const;
+  void SetOwnId(const ObjectID& id);
+  /// Stores them in the small database.
+  void StoreOwnId();
   /// `*id` without container and fingerprint; the attributes are left alone.
   static void MakeEmptyDOID(ObjectID* id);
 

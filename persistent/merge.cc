@@ -188,12 +188,7 @@ int CMappingLMDB::PutMerged(const MergeRecord& record, const ExtLMDBEntry& entry
 }
 
 void CMappingLMDB::PutMergedSpecialItems(Transaction* output) {
-  ObjectID doid;
-  {
-    // Hosts store it under the shared lock.
-    const UniqueLock lock(tableLock_);
-    doid = doid_;
-  }
+  const ObjectID doid = OwnId();
   const auto check = [output](int ret, auto log) {
     if (ret != 0) {
       output->Abort();

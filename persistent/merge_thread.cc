@@ -144,8 +144,12 @@ int CMappingLMDB::MergeAndSwitch() {
       ZEFS_LOG(kLogTrace, "merge is done, begin to switch db");
       const ReplacedFile full(PathOf(FULLDB));
       const ReplacedFile small(PathOf(LSML0DB));
-      const UniqueLock lock(tableLock_);  // no reader is left in a database
-      SwitchDbs(&merged, withBloom, &result);
+      {
+        const UniqueLock lock(tableLock_);  // no reader is left in a database
+        SwitchDbs(&merged, withBloom, &result);
+      }
+      SetMerging(false);  // while the files that were replaced are freed the next one may be due
+      return result;
     }
   } catch (...) {
     SetMerging(false);
@@ -175,6 +179,7 @@ bool CMappingLMDB::BeginMerge() {
   }
   try {
     if (SetupDBEnv(tmpPath, &tmpDb_, kSmallMapSize) != 0) {
+      SetMerging(false);
       ZEFS_LOG(kLogRare, "Failed to setup tmpdb env for tempdb %s", tmpPath.c_str());
       throw SysException(kErrIo);
     }
@@ -190,6 +195,7 @@ void CMappingLMDB::PrepareMergeDb(MergeDb* merged) {
   const std::string mergePath = PathOf(MERGEDB);
   const std::string lockPath = mergePath + MDB_NO_SUBDIR_LOCK;
   if (!CheckAndCreateDir(mergePath)) {
+    SetMerging(false);
     ZEFS_LOG(kLogRare, "Failed to check and create dir for %s", mergePath.c_str());
     throw SysException(kErrIo);
   }
@@ -202,11 +208,13 @@ void CMappingLMDB::PrepareMergeDb(MergeDb* merged) {
       fs::remove(lockPath);
     }
   } catch (...) {
+    SetMerging(false);
     ZEFS_LOG(kLogRare, "Failed to remove old merge db for %s", mergePath.c_str());
     throw SysException(kErrIo);
   }
   const int ret = SetupDBEnv(mergePath, merged->context(), bigTableMapSize_);
   if (ret != 0) {
+    SetMerging(false);
     ZEFS_LOG(kLogFailure, "Failed to setup env for merge db, return value is %d", ret);
     throw SysException(ret);
   }
@@ -239,6 +247,7 @@ void CMappingLMDB::SwitchDbs(MergeDb* merged, bool withBloom, int* result) {
         ClearDBEnv(db);
       }
     }
+    SetMerging(false);
     ZEFS_LOG(kLogFailure, "Failed to setup env, return value is %d", *result);
     throw SysException(*result);
   }

@@ -20,7 +20,11 @@ constexpr std::uint64_t kFirstListedDcid = 63;
 int NextListed(LmdbWriteExtentTxn* transaction, long* key, ExtLMDBEntry* entry) {
   const long last = *key;
   const int ret = transaction->getWithCursor(key, entry, MDB_NEXT);
-  return ret == 0 && *key <= last ? MDB_CORRUPTED : ret;
+  if (ret == 0 && *key <= last) {
+    LmdbWriteExtentTxn::LogError(LmdbWriteExtentTxn::kNoNextItem, MDB_CORRUPTED);
+    return MDB_CORRUPTED;
+  }
+  return ret;
 }
 
 }  // namespace

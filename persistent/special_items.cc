@@ -4,6 +4,7 @@
 #include "persistent/mapping_lmdb.h"
 #include "persistent/printed.h"
 #include "persistent/transaction.h"
+#include "support/mutex_of.h"
 #include "table/fingerprint.h"
 
 // File size, commit counter, object id and version of a table, stored beside its extents.
@@ -134,6 +135,7 @@ int CMappingLMDB::setExtMapVersion(ExtMapVersion version) {
              version.minor, ret);
     return ret;
   }
+  transaction.CloseCursor();
   ret = transaction.CommitLogged();
   if (ret != 0) {
     return ret;
@@ -176,6 +178,17 @@ long CMappingLMDB::GetCommitCounter(LMDBContext* db) {
 
 // --- object id of the table --------------------------------------------------------------------
 
+ObjectID CMappingLMDB::OwnId() const {
+  const std::lock_guard<std::mutex> lock(MutexOf(&doid_));
+  return doid_;
+}
+
+void CMappingLMDB::SetOwnId(const ObjectID& id) {
+  const std::lock_guard<std::mutex> lock(MutexOf(&doid_));
+  doid_.dcid = id.dcid;
+  doid_.fp = id.fp;
+}
+
 void CMappingLMDB::MakeEmptyDOID(ObjectID* id) {
   id->dcid = 0;
   CRFPStringToDigest_r(CRFPEmptyFP(kCrfpDigestKind), kCrfpDigestKind, id->fp.data());
@@ -217,23 +230,23 @@ int CMappingLMDB::SetDOIDUnlocked(LMDBContext* db, ObjectID* id) {
 
 int CMappingLMDB::SetDOID(ObjectID* oid) {
   const SharedLock lock(tableLock_);
+  ObjectID doid = *oid;
   if (CRFPIsEmptyDigest(oid->fp.data(), kCrfpDigestKind) == 1 || oid->dcid <= kLastUnsetDoidDcid) {
-    MakeEmptyDOID(&doid_);
-  } else {
-    doid_.dcid = oid->dcid;
-    doid_.fp = oid->fp;
+    MakeEmptyDOID(&doid);
   }
-  SetDOIDUnlocked(&smallDb_, &doid_);
+  SetOwnId(doid);
+  SetDOIDUnlocked(&smallDb_, &doid);
   return 0;
 }
 
 int CMappingLMDB::GetDOID(ObjectID* oid) {
   const SharedLock lock(tableLock_);
-  if (doid_.dcid <= kLastUnsetDoidDcid) {
+  const ObjectID doid = OwnId();
+  if (doid.dcid <= kLastUnsetDoidDcid) {
     return -1;
   }
-  oid->dcid = doid_.dcid;
-  oid->fp = doid_.fp;
+  oid->dcid = doid.dcid;
+  oid->fp = doid.fp;
   ZEFS_LOG(kLogTrace, "%s, dcid:%lld, fp:%s", "GetDOID", static_cast<long long>(oid->dcid),
            TextOf(oid->fp).data());
   return 0;
@@ -244,28 +257,36 @@ bool CMappingLMDB::NoteFirstChange() {
     return false;
   }
   dataChanged_ = true;
-  MakeEmptyDOID(&doid_);
+  ObjectID none;
+  MakeEmptyDOID(&none);
+  SetOwnId(none);
   return true;
 }
 
 int CMappingLMDB::ResetDOID(bool persist) {
   if (NoteFirstChange() && persist) {
     const SharedLock lock(tableLock_);  // as in setFileSize
-    SetDOIDUnlocked(&smallDb_, &doid_);
+    StoreOwnId();
   }
   return 0;
 }
 
 void CMappingLMDB::ForgetDOIDUnlocked() {
   if (NoteFirstChange()) {
-    SetDOIDUnlocked(&smallDb_, &doid_);
+    StoreOwnId();
   }
 }
 
+void CMappingLMDB::StoreOwnId() {
+  ObjectID doid = OwnId();
+  SetDOIDUnlocked(&smallDb_, &doid);
+}
+
 bool CMappingLMDB::IsDataChanged() {
-  ZEFS_LOG(kLogStep, "%s, fp:%s, dcid:%ld", "IsDataChanged", TextOf(doid_.fp).data(),
-           PrintedDcid(doid_));
-  if (CRFPIsEmptyDigest(doid_.fp.data(), kCrfpDigestKind) == 1 && doid_.dcid == 0) {
+  const ObjectID doid = OwnId();
+  ZEFS_LOG(kLogStep, "%s, fp:%s, dcid:%ld", "IsDataChanged", TextOf(doid.fp).data(),
+           PrintedDcid(doid));
+  if (CRFPIsEmptyDigest(doid.fp.data(), kCrfpDigestKind) == 1 && doid.dcid == 0) {
     return true;
   }
   return dataChanged_;

@@ -19,6 +19,7 @@
 #include "host/file_io.h"
 #include "host/zefs_log.h"
 #include "support/filesystem.h"
+#include "support/mutex_of.h"
 #include "table/fingerprint.h"
 
 namespace Aldenta::Qnd::Morene::Zefs {
@@ -126,9 +127,10 @@ DcOffsetStore::~DcOffsetStore() {
 
 int DcOffsetStore::CheckAndStore(long key, unsigned long dcid, std::array<unsigned char, 32> fp,
                                  int dcOffset) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  ZEFS_LOG(kLogTrace, "%s store dc offset with path_=%s, dcoff=%ld", "CheckAndStore", path_.c_str(),
-           static_cast<long>(dcOffset));
+  WithPath([dcOffset](const std::string& path) {
+    ZEFS_LOG(kLogTrace, "%s store dc offset with path_=%s, dcoff=%ld", "CheckAndStore",
+             path.c_str(), static_cast<long>(dcOffset));
+  });
   if (dcOffset >= 0 || dcOffset == kNeverTracked) {
     return 0;
   }
@@ -136,6 +138,7 @@ int DcOffsetStore::CheckAndStore(long key, unsigned long dcid, std::array<unsign
   if (!config.Get(&FileSystemDaemonConfig::dcOffsetTrackingEnabled)) {
     return 0;
   }
+  const std::lock_guard<std::mutex> lock(mutex_);
   offsets_.insert({key, dcid, fp, dcOffset});
   if (offsets_.size() < config.Get(&FileSystemDaemonConfig::dcOffsetStoreThreshold)) {
     return 0;
@@ -193,13 +196,25 @@ int DcOffsetStore::Open() {
   return 0;
 }
 
+template <typename Use>
+void DcOffsetStore::WithPath(Use use) const {
+  const std::lock_guard<std::mutex> lock(MutexOf(this));
+  use(path_);
+}
+
+void DcOffsetStore::LogEntry(const char* operation) const {
+  WithPath([operation](const std::string& path) {
+    ZEFS_LOG(kLogTrace, "DcOffsetStore::%s, file: %s", operation, path.c_str());
+  });
+}
+
 int DcOffsetStore::Flush() {
+  LogEntry("Flush");
   const std::lock_guard<std::mutex> lock(mutex_);
   return FlushUnlocked();
 }
 
 int DcOffsetStore::FlushUnlocked() {
-  ZEFS_LOG(kLogTrace, "DcOffsetStore::%s, file: %s", "Flush", path_.c_str());
   if (offsets_.empty()) {
     return 0;
   }
@@ -264,23 +279,27 @@ int DcOffsetStore::Read(std::vector<DCOffset>* out) {
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): as given
 int DcOffsetStore::MergeDcOffset(std::vector<DCOffset> offsets) {
+  LogEntry("MergeDcOffset");
   DcOffsetSet open;
   std::copy_if(offsets.begin(), offsets.end(), std::inserter(open, open.end()),
                [](const DCOffset& o) { return o.dcOffset < 0 && o.dcOffset != kGivenUp; });
-  const std::lock_guard<std::mutex> lock(mutex_);
-  ZEFS_LOG(kLogTrace, "DcOffsetStore::%s, file: %s", "MergeDcOffset", path_.c_str());
   if (!open.empty()) {
+    std::unique_lock<std::mutex> lock(mutex_);
     const int code = Write(open);
+    lock.unlock();
     if (code != 0) {
       ZEFS_LOG(kLogFailure, "Failed to store dcoffset, ret=%d", code);
       return code;
     }
   }
-  const std::string aside = path_ + tmpSuffix_;
+  std::string aside;
+  WithPath([&](const std::string& path) { aside = path + tmpSuffix_; });
   if (fs::exists(fs::status(aside))) {
     fs::remove(aside);
   }
-  ZEFS_LOG(kLogTrace, "DcOffsetStore::%s, file: %s , done!", "MergeDcOffset", path_.c_str());
+  WithPath([](const std::string& path) {
+    ZEFS_LOG(kLogTrace, "DcOffsetStore::%s, file: %s , done!", "MergeDcOffset", path.c_str());
+  });
   return 0;
 }
 
@@ -297,13 +316,17 @@ void DcOffsetStore::CloseUnlocked() {
 }
 
 void DcOffsetStore::UpdatePath(const std::string& path) {
+  LogEntry("Flush");
   const std::lock_guard<std::mutex> lock(mutex_);
   const int flushed = FlushUnlocked();
   if (flushed != 0) {
     ZEFS_LOG(kLogFailure, "%s, failed to flush path_=%s, return=%ld", "UpdatePath", path_.c_str(),
              static_cast<long>(flushed));
   }
-  path_ = path;
+  {
+    const std::lock_guard<std::mutex> pathLock(MutexOf(this));
+    path_ = path;
+  }
   Destory();
 }
 

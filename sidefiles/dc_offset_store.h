@@ -54,10 +54,10 @@ using DcOffsetSet = std::unordered_set<zefs::DCOffset, DcOffsetHash, DcOffsetEqu
 /// hands it back again. A reading that fails loses records, see Read, and of a record that was torn
 /// in the middle by a failed write, those after it in the same file are misread.
 ///
-/// Threads: any number. One mutex is held throughout each operation, file work included, because
-/// UpdatePath changes the path that all of them use. It is the innermost lock but for the
-/// configuration's, which is taken and released around each single read. Write, Open and Destory
-/// expect it held: from outside they are for a caller that has the object to itself.
+/// Threads: any number. One mutex guards the records in memory and the file, file work included;
+/// the path, which UpdatePath changes, is told under one of its own. It is the innermost lock but
+/// for the configuration's, which is taken and released around each single read. Write, Open and
+/// Destory expect it held: from outside they are for a caller that has the object to itself.
 class DcOffsetStore {
  public:
   /// Touches no file. `path` is the full path of the store file; with `noMmap` each descriptor goes
@@ -123,7 +123,12 @@ class DcOffsetStore {
   int FlushUnlocked();
   void CloseUnlocked();
 
-  std::string path_;     ///< full path of the store file
+  /// Calls `use` with the path, for a caller that does not hold mutex_.
+  template <typename Use>
+  void WithPath(Use use) const;
+  void LogEntry(const char* operation) const;
+
+  std::string path_;     ///< full path of the store file; changes under mutex_ and MutexOf(this)
   int fd_ = -1;          ///< its descriptor, -1: closed
   DcOffsetSet offsets_;  ///< not yet on file
   std::mutex mutex_;     ///< guards all of the above, and the writing of the file

@@ -54,16 +54,20 @@ struct Descriptor {
   const int fd;
 };
 
-/// Makes the names of the directory of a file last. 0, or -1.
+/// Makes the names of the directory of a file last. 0, or `errno`.
 int SyncDirectoryOf(const std::string& path) {
   const fs::path parent = fs::path(path).parent_path();
   const int fd =
       ::open64(parent.empty() ? "." : parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd == -1) {
-    return -1;
+    return errno;
   }
   const Descriptor directory(fd);
-  return ::fsync(directory.fd);  // no side file: nothing of the host is asked
+  int ret = -1;
+  do {
+    ret = ::fsync(directory.fd);  // no side file: nothing of the host is asked
+  } while (ret != 0 && errno == EINTR);
+  return ret == 0 ? 0 : errno;
 }
 
 Extent MakeRecord(long start, long end, long offset, unsigned long dcid,
@@ -378,11 +382,10 @@ int ExtentJournal::Destroy() {
   }
   if (removed) {
     // A journal that a power cut brought back would undo what has made it void.
-    const int ret = SyncDirectoryOf(path_);
-    if (ret != 0) {
-      ZEFS_LOG(zefs::kLogFailure, "failed to sync extent journal with path_=%s, return=%d",
-               path_.c_str(), ret);
-      return ret;
+    const int error = SyncDirectoryOf(path_);
+    if (error != 0) {
+      ZEFS_LOG(zefs::kLogFailure, "failed to sync the directory of extent journal %s, errno: %d",
+               path_.c_str(), error);
     }
   }
   ZEFS_LOG(zefs::kLogStep, "Destroy extent journal with path_=%s", path_.c_str());

@@ -98,7 +98,10 @@ unsigned long filesystem::remove_all(const fs::path& p, error_code& ec) const {
 
 bool MakeDirectory(const fs::path& p, fs::perms perms, error_code& ec) {
   ec.clear();
-  if (::mkdir(p.c_str(), static_cast<mode_t>(perms & fs::perms_mask)) == 0) {
+  // Rights that are to be added or taken away refer to those that a directory has by itself.
+  const bool relative = (perms & (fs::add_perms | fs::remove_perms)) != 0;
+  const mode_t mode = relative ? ACCESSPERMS : static_cast<mode_t>(perms & fs::perms_mask);
+  if (::mkdir(p.c_str(), mode) == 0) {
     return true;
   }
   const int error = errno;

@@ -195,6 +195,18 @@ TEST_F(MergeWalkTest, VersionAndCounterAreNewWhateverTheSourcesHad) {
   EXPECT_EQ(8, peer().commitCounter()) << "a flush resets it, and not the merge";
 }
 
+TEST_F(MergeWalkTest, NoReaderOfTheDatabasesHoldsItUp) {
+  LoadBoth({Stored(0, 10, 70)}, {Stored(10, 20, 80)});
+  LMDBContext merged;
+  ASSERT_EQ(0, peer().SetupDBEnv(Path("mergedb"), &merged, CMappingLMDB::kSmallMapSize));
+  {
+    const CMappingLMDB::SharedLock reader(
+        peer().tableLock());  // an exclusive one would wait for it
+    EXPECT_EQ(0, peer().MergeDBs(peer().fullDb(), peer().smallDb(), merged, false));
+  }
+  peer().ClearDBEnv(&merged);
+}
+
 TEST_F(MergeWalkTest, TheObjectIdOfTheTableGoesAlong) {
   LoadBoth({}, {});
   ObjectID doid = Oid(65, 9);

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <mutex>
 #include <thread>
 
 #include <gmock/gmock.h>
 
 #include "tests/persistent/flush_fixture.h"
+#include "tests/sidefiles/dc_offset_store_fixture.h"
 #include "tests/support/fault_injection.h"
 #include "tests/support/held_lock.h"
 
@@ -154,29 +156,21 @@ TEST_F(PrefetchThreadsTest, ABackfillHasReleasedTheLockOfTheCacheWhenItWaitsForT
   SharedLock reading(peer().prefetchLock());
   std::atomic<bool> back{false};
   std::thread backfiller([&] {
-    std::vector<DCOffset> none;
-    EXPECT_EQ(0, table().BackfillDcOffset(none));
+    DCOffset open;
+    open.key = 0;
+    open.dcid = 70;
+    std::vector<DCOffset> list{open};
+    EXPECT_EQ(0, table().BackfillDcOffset(list));
     back = true;
   });
   AwaitWriterAt(peer().prefetchLock());
-  // Whoever asks for an offset now stops inside the store, at the setting that it reads there.
-  auto& settings = Config::GetInstance();
-  UniqueLock settingsHeld(settings.mutex);
-  log_.Take();
-  std::thread asker([&] { EXPECT_EQ(0, table().AppendToRefreshDcOffsetList(0, 70, Oid(70).fp)); });
-  const std::string stopped =
-      "0 CheckAndStore store dc offset with path_=" + Path("dcoffset") + ", dcoff=-1";
-  for (std::vector<std::string> lines;
-       std::find(lines.begin(), lines.end(), stopped) == lines.end(); lines = Lines()) {
-    std::this_thread::yield();
-  }
+  std::unique_lock<std::mutex> store(DcOffsetStoreTestPeer{*peer().dcOffsetStore()}.mutex());
   reading.unlock();
   while (HowIsHeld(peer().rwLock()) != Held::kNot) {
     std::this_thread::yield();
   }
   EXPECT_FALSE(back.load());
-  settingsHeld.unlock();
-  asker.join();
+  store.unlock();
   backfiller.join();
 }
 

@@ -24,12 +24,12 @@ namespace Aldenta::Qnd::Morene::Zefs {
 
 /// What a test may see of a store beside its operations.
 struct DcOffsetStoreTestPeer {
-  const DcOffsetStore& store;
+  DcOffsetStore& store;
 
   int fd() const { return store.fd_; }
   const DcOffsetSet& offsets() const { return store.offsets_; }
   const std::string& path() const { return store.path_; }
-  const std::mutex& mutex() const { return store.mutex_; }
+  std::mutex& mutex() const { return store.mutex_; }
 };
 
 }  // namespace Aldenta::Qnd::Morene::Zefs

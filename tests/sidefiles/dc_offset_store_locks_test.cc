@@ -11,9 +11,7 @@
 #include "tests/sidefiles/dc_offset_store_fixture.h"
 #include "tests/support/fault_injection.h"
 
-// Which calls a store makes under its lock, and that the log may change errno. A table's path may
-// change beside every operation of its store, so each line that names the path, the first one
-// included, is written under the lock.
+// Which calls a store makes under its lock, and that the log may change errno.
 
 namespace zefs::test {
 namespace {
@@ -59,34 +57,50 @@ class DcOffsetStoreLocksTest : public DcOffsetStoreFixture {
     return all;
   }
 
+  static Calls After(const std::string& line, const Calls& then) {
+    Calls all{line};
+    all.insert(all.end(), then.begin(), then.end());
+    return all;
+  }
+
   CallTrace trace_{peer_.mutex()};
   const WatchCalls watch_{dir_.path().string()};
 };
 
-TEST_F(DcOffsetStoreLocksTest, StoringHoldsTheLockFromTheFirstLineToTheSync) {
+TEST_F(DcOffsetStoreLocksTest, WhatIsNotStoredTakesNoLock) {
   const std::string line = "log CheckAndStore store dc offset with path_=P, dcoff=";
-  EXPECT_EQ(0, Store(Wanted(1, 5)));
-  EXPECT_EQ(Locked({line + "5"}, {}, {}), Take());
+  for (const int known : {5, 0, -3}) {
+    EXPECT_EQ(0, Store(Wanted(1, known)));
+    EXPECT_EQ((Calls{line + std::to_string(known)}), Take());
+  }
+  Track(false);
   EXPECT_EQ(0, Store(Wanted(1)));
-  EXPECT_EQ(Locked({line + "-1"}, {}, {}), Take());
-  Threshold(1);
-  EXPECT_EQ(0, Store(Wanted(1)));
-  EXPECT_EQ(Locked({line + "-1"}, WriteCalls(true), {}), Take());
-  Faults::FailNth(Call::kFsync, 1, EIO);
-  EXPECT_EQ(-1, Store(Wanted(1)));
-  EXPECT_EQ(Locked({line + "-1"}, WriteCalls(false),
-                   {"log CheckAndStore, failed to store dcoffset with path_=P, return=-1"}),
-            Take());
+  EXPECT_EQ((Calls{line + "-1"}), Take());
 }
 
-TEST_F(DcOffsetStoreLocksTest, FlushHoldsTheLockFromTheFirstLineToTheClose) {
+TEST_F(DcOffsetStoreLocksTest, StoringHoldsTheLockFromTheInsertToTheSync) {
+  const std::string line = "log CheckAndStore store dc offset with path_=P, dcoff=-1";
+  EXPECT_EQ(0, Store(Wanted(1)));
+  EXPECT_EQ(After(line, Locked({}, {}, {})), Take());
+  Threshold(1);
+  EXPECT_EQ(0, Store(Wanted(1)));
+  EXPECT_EQ(After(line, Locked({}, WriteCalls(true), {})), Take());
+  Faults::FailNth(Call::kFsync, 1, EIO);
+  EXPECT_EQ(-1, Store(Wanted(1)));
+  EXPECT_EQ(
+      After(line, Locked({}, WriteCalls(false),
+                         {"log CheckAndStore, failed to store dcoffset with path_=P, return=-1"})),
+      Take());
+}
+
+TEST_F(DcOffsetStoreLocksTest, FlushHoldsTheLockFromBehindTheFirstLineToTheClose) {
+  const std::string line = "log DcOffsetStore::Flush, file: P";
   EXPECT_EQ(0, store_.Flush());
-  EXPECT_EQ(Locked({"log DcOffsetStore::Flush, file: P"}, {}, {}), Take());
+  EXPECT_EQ(After(line, Locked({}, {}, {})), Take());
   Store(Wanted(1));
   Take();
   EXPECT_EQ(0, store_.Flush());
-  EXPECT_EQ(Locked({"log DcOffsetStore::Flush, file: P"}, WriteCalls(true), {"fsync", "close"}),
-            Take());
+  EXPECT_EQ(After(line, Locked({}, WriteCalls(true), {"fsync", "close"})), Take());
 }
 
 TEST_F(DcOffsetStoreLocksTest, ReadHoldsTheLockFromTheFirstLineToTheLast) {
@@ -109,23 +123,28 @@ TEST_F(DcOffsetStoreLocksTest, ReadHoldsTheLockFromTheFirstLineToTheLast) {
             Take());
 }
 
-TEST_F(DcOffsetStoreLocksTest, MergeHoldsTheLockFromTheFirstLineToTheLast) {
+TEST_F(DcOffsetStoreLocksTest, MergeHoldsTheLockWhileItWrites) {
+  const std::string line = "log DcOffsetStore::MergeDcOffset, file: P";
   EXPECT_EQ(0, store_.MergeDcOffset({Wanted(1)}));
-  EXPECT_EQ(Locked({"log DcOffsetStore::MergeDcOffset, file: P"}, WriteCalls(true),
-                   {"log DcOffsetStore::MergeDcOffset, file: P , done!"}),
-            Take());
-  EXPECT_EQ(0, store_.MergeDcOffset({}));
-  EXPECT_EQ(Locked({"log DcOffsetStore::MergeDcOffset, file: P"}, {},
-                   {"log DcOffsetStore::MergeDcOffset, file: P , done!"}),
-            Take());
+  Calls calls = After(line, Locked({}, WriteCalls(true), {}));
+  calls.push_back(line + " , done!");
+  EXPECT_EQ(calls, Take());
+  EXPECT_EQ(0, store_.MergeDcOffset({Wanted(1, 5)}));
+  EXPECT_EQ((Calls{line, line + " , done!"}), Take()) << "nothing is left to be written";
+  Faults::FailNth(Call::kFsync, 1, EIO);
+  EXPECT_EQ(-1, store_.MergeDcOffset({Wanted(1)}));
+  calls = After(line, Locked({}, WriteCalls(false), {}));
+  calls.emplace_back("log Failed to store dcoffset, ret=-1");
+  EXPECT_EQ(calls, Take());
 }
 
 TEST_F(DcOffsetStoreLocksTest, UpdatePathHoldsTheLockFromTheFlushToTheClose) {
   ASSERT_EQ(0, store_.Open());
   Take();
   store_.UpdatePath((dir_ / "moved").string());
-  EXPECT_EQ(Locked({"log DcOffsetStore::Flush, file: P"}, {"close"},
-                   {"log DcOffsetStore::Destory, file: " + (dir_ / "moved").string()}),
+  EXPECT_EQ(After("log DcOffsetStore::Flush, file: P",
+                  Locked({}, {"close"},
+                         {"log DcOffsetStore::Destory, file: " + (dir_ / "moved").string()})),
             Take());
 }
 
@@ -136,7 +155,10 @@ TEST_F(DcOffsetStoreLocksTest, AThrowFreesTheLock) {
   EXPECT_EQ(Locked({"log DcOffsetStore::Read, file: P"}, {}, {}), Take());
   Faults::FailNth(Call::kStat, 1, EACCES);
   EXPECT_THROW(store_.MergeDcOffset({}), boost::filesystem::filesystem_error);
-  EXPECT_EQ(Locked({"log DcOffsetStore::MergeDcOffset, file: P"}, {}, {}), Take());
+  EXPECT_EQ((Calls{"log DcOffsetStore::MergeDcOffset, file: P"}), Take());
+  Faults::FailNth(Call::kOpen, 1, EACCES);
+  EXPECT_EQ(EACCES, store_.MergeDcOffset({Wanted(1)}));
+  EXPECT_EQ("unlock", Take().rbegin()[1]) << "ahead of its own line";
 }
 
 TEST_F(DcOffsetStoreLocksTest, OpenWriteAndDestoryLeaveTheLockToTheirCaller) {
@@ -162,12 +184,13 @@ TEST_F(DcOffsetStoreLocksTest, ALogThatChangesErrnoDoesNotChangeWhatIsToldOrRetu
   Threshold(1);
   Faults::FailNth(Call::kOpen, 1, EACCES);
   EXPECT_EQ(EACCES, Store(Wanted(1)));
-  EXPECT_EQ(Locked({"log CheckAndStore store dc offset with path_=P, dcoff=-1",
-                    "log DcOffsetStore store dc offset with path_=P, return=1", "open"},
+  EXPECT_EQ(
+      After("log CheckAndStore store dc offset with path_=P, dcoff=-1",
+            Locked({"log DcOffsetStore store dc offset with path_=P, return=1", "open"},
                    {"log failed to open dc offset file: P, errno:" + code,
                     "log failed to open dcoffset with path_=P, ret=" + code},
-                   {"log CheckAndStore, failed to store dcoffset with path_=P, return=" + code}),
-            Take());
+                   {"log CheckAndStore, failed to store dcoffset with path_=P, return=" + code})),
+      Take());
   Faults::FailNth(Call::kOpen, 1, EMFILE);
   EXPECT_EQ(EMFILE, store_.MergeDcOffset({Wanted(2)}));
 }

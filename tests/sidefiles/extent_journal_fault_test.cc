@@ -1,5 +1,6 @@
 // Failing system calls, one after the other, and a process that dies at any of them.
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <functional>
@@ -37,6 +38,13 @@ class ExtentJournalFaultTest : public ExtentJournalFixture {
     return {8, "failed to write extent journal with path_=" + Path() + ", write=" + asked +
                    ", return=" + done};
   }
+  bool ToldThatNamesAreNotSynced() {
+    const Log log = TakeLog(8);
+    const LogRecord line{8, "failed to sync the directory of extent journal " + Path() +
+                                ", errno: " + std::to_string(EIO)};
+    return std::count(log.begin(), log.end(), line) > 0;
+  }
+
   LogRecord FlushFailure() const {
     return {8, "failed to write extent journal path_=" + Path() + ", return=-1"};
   }
@@ -258,6 +266,29 @@ TEST_F(ExtentJournalFaultTest, DestroyTellsWhichFileItCouldNotRemove) {
   EXPECT_EQ(0, journal.Destroy());
 }
 
+TEST_F(ExtentJournalFaultTest, DestroyThatCannotSyncTheDirectoryHasDestroyedTheJournal) {
+  for (const Call call : {Call::kOpen, Call::kFsync}) {
+    ExtentJournal journal(Path(), false);
+    StartWith(journal, 3);
+    Faults::FailNth(call, 1, EIO);
+    EXPECT_EQ(0, journal.Destroy());
+    EXPECT_TRUE(Faults::Fired());
+    EXPECT_FALSE(HasFile());
+    EXPECT_EQ((Log{{8, "failed to sync the directory of extent journal " + Path() + ", errno: 5"}}),
+              TakeLog(8));
+  }
+}
+
+TEST_F(ExtentJournalFaultTest, DestroyThatIsInterruptedSyncsTheDirectoryAgain) {
+  ExtentJournal journal(Path(), false);
+  StartWith(journal, 3);
+  const int before = Faults::Count(Call::kFsync);
+  Faults::FailNth(Call::kFsync, 1, EINTR);
+  EXPECT_EQ(0, journal.Destroy());
+  EXPECT_EQ(before + 2, Faults::Count(Call::kFsync));
+  EXPECT_EQ(Log{}, TakeLog(8));
+}
+
 TEST_F(ExtentJournalFaultTest, DestroyThatThrowsFreesTheLock) {
   for (int nth = 1; nth <= 2; ++nth) {
     ExtentJournal journal(Path(), false);
@@ -332,6 +363,8 @@ TEST_F(ExtentJournalFaultTest, EachCallThatFailsOnceOrForGoodIsToldAndLosesNothi
         Life life;
         Live(Path(), &life, [](const char*) {});
         Faults::Disarm();
+        // That a removal may not last yet is told by the log only.
+        life.told = life.told || ToldThatNamesAreNotSynced();
         if (call == Call::kRead) {
           EXPECT_FALSE(life.told) << "a failed read ends the file";
         } else if (call == Call::kClose || call == Call::kStat) {

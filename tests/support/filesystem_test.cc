@@ -200,6 +200,25 @@ TEST_F(FilesystemTest, CreateDirectoriesGivesRightsOnlyToWhatItMade) {
   EXPECT_TRUE(fs_.create_directories(dir_ / "old" / "a" / "b", fs::owner_all)) << "all there";
 }
 
+TEST_F(FilesystemTest, RightsToAddOrToTakeAwayReferToThoseThatADirectoryHasByItself) {
+  const mode_t before = ::umask(022);
+  error_code ec;
+  EXPECT_TRUE(fs_.create_directories(dir_ / "a" / "b", fs::remove_perms | fs::others_all));
+  EXPECT_TRUE(fs_.check_and_create_directories(dir_ / "c" / "d", fs::add_perms | fs::group_write));
+  EXPECT_TRUE(
+      fs_.check_and_create_directories(dir_ / "e" / "f", fs::remove_perms | fs::group_exe, ec));
+  ::umask(before);
+  for (const char* const made : {"a", "a/b"}) {
+    EXPECT_EQ(0750, RightsOf(dir_ / made));
+  }
+  for (const char* const made : {"c", "c/d"}) {
+    EXPECT_EQ(0775, RightsOf(dir_ / made));
+  }
+  for (const char* const made : {"e", "e/f"}) {
+    EXPECT_EQ(0745, RightsOf(dir_ / made));
+  }
+}
+
 TEST_F(FilesystemTest, CreateDirectoriesWithoutRightsSaysWhetherItMadeAny) {
   EXPECT_TRUE(fs_.create_directories(dir_ / "x" / "y"));
   EXPECT_FALSE(fs_.create_directories(dir_ / "x" / "y"));
