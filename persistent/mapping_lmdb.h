@@ -398,7 +398,7 @@ class ZEFS_EXTMAP_API CMappingLMDB : public CMappingTable {
   void ForgetDOIDUnlocked();
   /// What both do in memory. False if the table has changed before.
   bool NoteFirstChange();
-  /// Container and fingerprint of doid_, under MutexOf(&doid_).
+  /// Container and fingerprint of doid_, under ObjectLock(&doid_).
   ObjectID OwnId() const;
   void SetOwnId(const ObjectID& id);
   /// Stores them in the small database.

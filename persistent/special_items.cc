@@ -4,7 +4,7 @@
 #include "persistent/mapping_lmdb.h"
 #include "persistent/printed.h"
 #include "persistent/transaction.h"
-#include "support/mutex_of.h"
+#include "support/object_lock.h"
 #include "table/fingerprint.h"
 
 // File size, commit counter, object id and version of a table, stored beside its extents.
@@ -179,12 +179,12 @@ long CMappingLMDB::GetCommitCounter(LMDBContext* db) {
 // --- object id of the table --------------------------------------------------------------------
 
 ObjectID CMappingLMDB::OwnId() const {
-  const std::lock_guard<std::mutex> lock(MutexOf(&doid_));
+  const ObjectLock lock(&doid_);
   return doid_;
 }
 
 void CMappingLMDB::SetOwnId(const ObjectID& id) {
-  const std::lock_guard<std::mutex> lock(MutexOf(&doid_));
+  const ObjectLock lock(&doid_);
   doid_.dcid = id.dcid;
   doid_.fp = id.fp;
 }

@@ -19,7 +19,7 @@
 #include "host/file_io.h"
 #include "host/zefs_log.h"
 #include "support/filesystem.h"
-#include "support/mutex_of.h"
+#include "support/object_lock.h"
 #include "table/fingerprint.h"
 
 namespace Aldenta::Qnd::Morene::Zefs {
@@ -198,7 +198,7 @@ int DcOffsetStore::Open() {
 
 template <typename Use>
 void DcOffsetStore::WithPath(Use use) const {
-  const std::lock_guard<std::mutex> lock(MutexOf(this));
+  const ObjectLock lock(this);
   use(path_);
 }
 
@@ -324,7 +324,7 @@ void DcOffsetStore::UpdatePath(const std::string& path) {
              static_cast<long>(flushed));
   }
   {
-    const std::lock_guard<std::mutex> pathLock(MutexOf(this));
+    const ObjectLock pathLock(this);
     path_ = path;
   }
   Destory();

@@ -128,7 +128,7 @@ class DcOffsetStore {
   void WithPath(Use use) const;
   void LogEntry(const char* operation) const;
 
-  std::string path_;     ///< full path of the store file; changes under mutex_ and MutexOf(this)
+  std::string path_;     ///< full path of the store file; changes under mutex_ and ObjectLock(this)
   int fd_ = -1;          ///< its descriptor, -1: closed
   DcOffsetSet offsets_;  ///< not yet on file
   std::mutex mutex_;     ///< guards all of the above, and the writing of the file

@@ -126,11 +126,14 @@ TEST_F(FlushThreadsTest, InsideTheTransactionTheDatabasesAreReadableAndCannotBeS
 
   EXPECT_EQ(Held::kExclusively, HowIsHeld(peer().rwLock()));
   EXPECT_EQ(Held::kShared, HowIsHeld(peer().tableLock()));
-  Aldenta::Qnd::Morene::Zefs::ExtLMDB found;
-  EXPECT_EQ(0, peer().lowerBoundDB(500, &found));
-  EXPECT_EQ(75U, found.objectID.dcid);
-  EXPECT_EQ(0, peer().lowerBoundDB(0, &found));
-  EXPECT_EQ(500, found.sOff) << "nothing is visible before the commit";
+  std::thread reader([&] {  // this thread holds the settings, and so must not take another lock
+    Aldenta::Qnd::Morene::Zefs::ExtLMDB found;
+    EXPECT_EQ(0, peer().lowerBoundDB(500, &found));
+    EXPECT_EQ(75U, found.objectID.dcid);
+    EXPECT_EQ(0, peer().lowerBoundDB(0, &found));
+    EXPECT_EQ(500, found.sOff) << "nothing is visible before the commit";
+  });
+  reader.join();
 
   std::size_t atSwitch = 0;
   std::thread switcher([&] {

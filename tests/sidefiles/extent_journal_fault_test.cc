@@ -279,6 +279,19 @@ TEST_F(ExtentJournalFaultTest, DestroyThatCannotSyncTheDirectoryHasDestroyedTheJ
   }
 }
 
+TEST_F(ExtentJournalFaultTest, DestroySyncsTheDirectoryIfItHasRemovedAnyFile) {
+  ExtentJournal journal(Path(), false);
+  EXPECT_EQ(0, journal.Destroy());
+  EXPECT_EQ(0, Faults::Count(Call::kFsync)) << "there was none";
+  fs::create_directory(Directory());
+  WriteBytes(ReplayPath(), "left by another process");
+  EXPECT_EQ(0, journal.Destroy());
+  EXPECT_EQ(1, Faults::Count(Call::kFsync));
+  WriteBytes(Path(), "");
+  EXPECT_EQ(0, journal.Destroy());
+  EXPECT_EQ(2, Faults::Count(Call::kFsync));
+}
+
 TEST_F(ExtentJournalFaultTest, DestroyThatIsInterruptedSyncsTheDirectoryAgain) {
   ExtentJournal journal(Path(), false);
   StartWith(journal, 3);

@@ -258,6 +258,7 @@ constexpr KnownClass kPlainMutexesOf[] = {
     {"Zefs::CMappingLMDB", "mergeMutex_", kRankMergeMutex},
     {"Zefs::ExtentJournal", "mutex_ of ExtentJournal", kRankSideFile},
     {"Zefs::DcOffsetStore", "mutex_ of DcOffsetStore", kRankSideFile},
+    {"Zefs::ObjectLock", "lock of an object", kRankObject},
 };
 
 bool EndsWith(const char* text, const char* end) {

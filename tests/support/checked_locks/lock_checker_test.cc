@@ -218,6 +218,7 @@ TEST_F(LockCheckerTest, PlainMutexesAreKnownByTheClassThatLocksThem) {
   std::set<void*> released;
   table().checkAndBackfillObjectID(&released, true, "", "", nullptr, nullptr);
   EXPECT_NE(-1, KindNamed("mutex_ of DcOffsetStore"));
+  EXPECT_NE(-1, KindNamed("lock of an object"));
   EXPECT_NE(-1, KindNamed("mutex_ of ExtentJournal"));
   EXPECT_NE(-1, KindNamed("mergeMutex_"));
   EXPECT_THAT(Found(), IsEmpty());

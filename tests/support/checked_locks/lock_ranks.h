@@ -17,6 +17,7 @@ enum Rank {
   kRankFullWriters,
   kRankPrefetchLock,
   kRankSideFile,
+  kRankObject,
   kRankHost,
 };
 

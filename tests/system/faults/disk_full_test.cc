@@ -168,8 +168,9 @@ TEST_F(DiskFullTest, ADatabaseThatCouldNotBeMadeIsNotLeftHalfMade) {
     EXPECT_EQ("throws code", WithHalfAWrite(nth, [&] {
                 return table.table().load(table.directory(), false, "");
               }));
-    EXPECT_FALSE(fs::exists(table.directory() + (nth == 1 ? "/lsml0.mdb" : "/data.mdb")))
-        << "no load could open it";
+    const std::string made = table.directory() + (nth == 1 ? "/lsml0.mdb" : "/data.mdb");
+    EXPECT_FALSE(fs::exists(made)) << "no load could open it";
+    EXPECT_FALSE(fs::exists(made + "-lock"));
     table.Destroy();
     table.Load();
   }
@@ -180,6 +181,7 @@ TEST_F(DiskFullTest, AMergeThatCouldNotBeginLeavesNoHalfTmpDatabase) {
   table.Load();
   EXPECT_EQ("throws 5", WithHalfAWrite(1, [&] { return table.peer().MergeAndSwitch(); }));
   EXPECT_FALSE(fs::exists(table.directory() + "/tmp.mdb")) << "no load could open it";
+  EXPECT_FALSE(fs::exists(table.directory() + "/tmp.mdb-lock"));
   EXPECT_EQ(0, table.peer().MergeAndSwitch());
   EXPECT_EQ(ExpectedStored(Start::kMerged), table.LookAtBytes());
 }
