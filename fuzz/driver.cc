@@ -141,8 +141,7 @@ int Run(const fs::path& directory, std::uint64_t mutations, std::uint64_t seed) 
     LLVMFuzzerTestOneInput(input.data(), input.size());
   }
   fs::remove(last);
-  std::printf("figure %llu fuzz executions\n",
-              static_cast<unsigned long long>(corpus.size() + mutations));
+  std::printf("figure %zu fuzz executions\n", corpus.size() + mutations);
   return 0;
 }
 

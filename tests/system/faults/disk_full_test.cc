@@ -154,7 +154,7 @@ class DiskFullTest : public FaultTest {
   static std::string WithHalfAWrite(int nth, const std::function<int()>& run) {
     FileFaults::Start();
     FileFaults::FailNth(FileCall::kShortPwrite, nth, 0, false);
-    const std::string end = EndOf(run, ENOSPC);
+    std::string end = EndOf(run, ENOSPC);
     FileFaults::Stop();
     EXPECT_TRUE(FileFaults::Fired());
     return end;

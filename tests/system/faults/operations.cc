@@ -136,6 +136,7 @@ std::vector<Bytes> PartlyBackfilled(const Bytes& before, const Bytes& after, Sta
   return {state};
 }
 
+// NOLINTNEXTLINE(readability-function-size): a table, of one entry for an operation
 std::vector<Operation> MakeOperations() {
   const auto probe = [](SmallTable& t, long at) {
     lib::CMappingTable::SharedLock lock;

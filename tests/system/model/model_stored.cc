@@ -91,7 +91,7 @@ void Model::FlushUnlocked(MergeFault fault) {
 }
 
 std::set<int> Model::ForgetNodes() {
-  const std::set<int> forgotten = cache_.ForgetNodes();
+  std::set<int> forgotten = cache_.ForgetNodes();
   for (const int node : forgotten) {
     nodes_.at(static_cast<std::size_t>(node)).takenBack = true;
   }

@@ -88,9 +88,9 @@ struct OneMoreLMDB : CMappingLMDB {
 TEST(PermittedTest, EveryVirtualOperationOfTheStoredTableIsJudged) {
   using T = CMappingLMDB;
   auto slots = Slots<T>();
-  slots.push_back(SLOT_OF(GetExtentData));
-  slots.push_back(SLOT_OF(setExtMapVersion));
-  slots.push_back(SLOT_OF(getExtMapVersion));
+  slots.emplace_back("GetExtentData", SlotOf(&T::GetExtentData));
+  slots.emplace_back("setExtMapVersion", SlotOf(&T::setExtMapVersion));
+  slots.emplace_back("getExtMapVersion", SlotOf(&T::getExtMapVersion));
   ExpectAllSlots(StoredOperations(), slots);
   EXPECT_EQ(SlotOf(&OneMoreLMDB::more), StoredOperations().size() + 1);
 }
