@@ -71,7 +71,6 @@ class RangeObjectIdsPropertyTest : public RangeObjectIdsTest {
  protected:
   static constexpr std::size_t kDcidAt = 8;
   static constexpr std::size_t kFpAt = 16;
-  static constexpr std::size_t kFpBytes = 32;
 
   void SetUp() override {
     LoadBoth({}, {});
