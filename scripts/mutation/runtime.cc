@@ -1,12 +1,12 @@
 // Part of a mutated copy of the library only (scripts/mutants).
-#include <cstdlib>
+#include "runtime.h"
 
+#include <cstdlib>
 #include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include "runtime.h"
+#include <sys/mman.h>
+#include <sys/syscall.h>
 
 namespace zefs_mutants {
 
@@ -26,8 +26,8 @@ __attribute__((constructor(101))) void Read() {
   }
   if (const char* const file = std::getenv("ZEFS_MUTANTS_REACHED")) {
     const long fd = ::syscall(SYS_openat, AT_FDCWD, file, O_RDWR, 0);
-    const long at = ::syscall(SYS_mmap, nullptr, ZEFS_MUTANTS_COUNT, PROT_READ | PROT_WRITE,
-                              MAP_SHARED, fd, 0);
+    const long at =
+        ::syscall(SYS_mmap, nullptr, ZEFS_MUTANTS_COUNT, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (at != -1) {
       reached = reinterpret_cast<unsigned char*>(at);
     }
